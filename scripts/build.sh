@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Configures and builds one flavour of the tree.
+#   scripts/build.sh            -> build/        (optimised, with debug info)
+#   scripts/build.sh asan       -> build-asan/   (AddressSanitizer + UndefinedBehaviorSanitizer)
+#   scripts/build.sh fuzz       -> build-fuzz/   (clang, libFuzzer targets)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+flavour=${1:-release}
+jobs=${JOBS:-$(nproc)}
+case "$flavour" in
+  release) dir=build;      args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo) ;;
+  asan)    dir=build-asan; args=(-DCMAKE_BUILD_TYPE=Debug -DVAROFT_SANITIZE=ON -DVAROFT_BENCH=OFF) ;;
+  fuzz)    dir=build-fuzz; args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+                                 -DVAROFT_FUZZ=ON -DVAROFT_TESTS=OFF -DVAROFT_BENCH=OFF) ;;
+  *) echo "build.sh: unknown flavour $flavour" >&2; exit 2 ;;
+esac
+cmake -S . -B "$dir" -G Ninja "${args[@]}" >/dev/null
+cmake --build "$dir" -j "$jobs"

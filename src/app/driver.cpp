@@ -1,0 +1,139 @@
+#include "app/driver.h"
+
+#include <cstring>
+#include <optional>
+#include <string>
+
+#include <xcb/xcb.h>
+
+#include "app/cli.h"
+#include "app/log.h"
+#include "app/state.h"
+#include "filetransfer/session.h"
+#include "print/print_loop.h"
+
+namespace {
+
+constexpr const char* kUsage =
+    "Usage:  varoft [OPTION]\n\nOptions:\n"
+    "  -q                           - quiet\n"
+    "  -v                           - verbose\n"
+    "  -vv                          - very_verbose\n"
+    "  -display <display>           - varoproxy to connect to\n"
+    "  -get <RemoteFile  LocalFile> - copy a remote file (from User Desktop) to a local file\n"
+    "  -put <LocalFile> [RemoteFile] - copy a local file to a remote file (to User Desktop) \n"
+    "  -getd <RemoteDir  LocalDir>  - copy a remote directory (from User Desktop) to a local one\n"
+    "  -putd <LocalDir  RemoteDir>  - copy a local directory to a remote one (to User Desktop) \n"
+    "  -print <File1 File2 ...>     - send a local file(s) for printing (to User Desktop) \n"
+    "  -open <File>                 - send a local file for opening (to User Desktop) \n";
+
+void printBanner(const std::string& program) {
+    logPrint(1, "%s - Varo File Transfer and Remote Print Utility, Version 12.5\n\n", program.c_str());
+}
+
+void printUsage() { logPrint(1, "%s", kUsage); }
+
+void printStartup(const std::optional<std::string>& display) {
+    logPrint(3, "Command line processed\n");
+    logPrint(3, "Verbosity level: %d\n", Verbosity);
+    if (display) logPrint(3, "Display is: %s\n", display->c_str());
+}
+
+// The display as the user gave it, for messages ("(null)" when none was given).
+const char* shown(const std::optional<std::string>& display) { return display ? display->c_str() : "(null)"; }
+
+// Owns the one X connection of the run.
+struct Connection {
+    xcb_connection_t* handle = nullptr;
+    explicit Connection(const std::optional<std::string>& display)
+        : handle(xcb_connect(display ? display->c_str() : nullptr, nullptr)) {}
+    ~Connection() {
+        if (handle) xcb_disconnect(handle);
+    }
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+};
+
+int runPrintMode(int argc, char** argv, const std::string& program) {
+    std::optional<std::string> display;
+    std::int32_t verbosity = 1;
+    if (!parsePrintOptions(argc, argv, &display, &verbosity, &PrintFileList)) {
+        PrintFileList.clear();
+        Verbosity = 1;
+        printBanner(program);
+        printUsage();
+        return 0;
+    }
+    Verbosity = verbosity;
+    printBanner(program);
+    printStartup(display);
+    if (PrintFileList.empty()) {
+        printUsage();
+        return 1;
+    }
+    logPrint(3, "%d files to print:\n", static_cast<int>(PrintFileList.size()));
+    for (const auto& file : PrintFileList) logPrint(3, "\t%s\n", file.c_str());
+
+    Connection connection(display);
+    if (!connection.handle) return 1;
+    if (const int error = xcb_connection_has_error(connection.handle); error != 0) {
+        if (error == XCB_CONN_ERROR) logPrint(1, "Could not connect to display: %s\n", shown(display));
+        else logPrint(1, "xcb_connection_has_error() returned %d\n", error);
+        return 1;
+    }
+    if (!xcb_get_extension_data(connection.handle, &ThinPrintExtension)) {
+        logPrint(1, "X Server does not support the \"%s\" extension\n", kThinPrintExtensionName);
+        return 1;
+    }
+    runPrintLoop(connection.handle, PrintFileList);
+    return 0;
+}
+
+int runTransferMode(int argc, char** argv, const std::string& program) {
+    std::optional<std::string> display;
+    std::int32_t verbosity = 1;
+    if (!parseTransferOptions(argc, argv, &display, &verbosity)) {
+        Verbosity = verbosity;
+        printBanner(program);
+        printUsage();
+        return 0;
+    }
+    Verbosity = verbosity;
+    printBanner(program);
+    printStartup(display);
+
+    Connection connection(display);
+    if (!connection.handle) return 1;
+    switch (xcb_connection_has_error(connection.handle)) {
+        case 0:
+            runFileTransfer(connection.handle);
+            return 0;
+        case XCB_CONN_CLOSED_MEM_INSUFFICIENT:
+            logPrint(1, "Could not connect to display: %s, insufficient memory.\n", shown(display));
+            break;
+        case XCB_CONN_CLOSED_PARSE_ERR:
+            logPrint(1, "Could not connect to display: %s, parse error.\n", shown(display));
+            break;
+        case XCB_CONN_CLOSED_INVALID_SCREEN:
+            logPrint(1, "Could not connect to display: %s, invalid screen.\n", shown(display));
+            break;
+        default:
+            logPrint(1, "Could not connect to display: %s\n", shown(display));
+            break;
+    }
+    return 1;
+}
+
+}  // namespace
+
+int runMain(int argc, char** argv) {
+    if (argc < 1 || !argv) {
+        static char* none[] = {nullptr};
+        argc = 0;
+        argv = none;
+    }
+    const std::string program = programBaseName(argc > 0 ? argv[0] : nullptr);
+    bool printMode = false;
+    for (int i = 1; i < argc && !printMode; ++i) printMode = argv[i] && std::strcmp(argv[i], "-print") == 0;
+    return printMode ? runPrintMode(argc, argv, program) : runTransferMode(argc, argv, program);
+}

@@ -1,0 +1,11 @@
+// The program's one output channel.
+#pragma once
+
+// Level 0 is always shown; 1 banner, usage and errors; 2 progress (-v); 3 detail (-vv);
+// 4 request traces (-vvv). The format carries its own newline.
+void logPrint(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// The fixed place of the log file that -l turns on.
+inline constexpr const char* kLogFileLocation = "/tmp/varoft.log";
+// -l: remember the log file and delete any earlier one.
+void enableLogFile();

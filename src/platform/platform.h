@@ -1,0 +1,129 @@
+// Everything varoft asks of the operating system. One implementation per platform lives
+// beside this header (posix.cpp here); nothing outside src/platform includes a system header
+// that exists on one platform only.
+//
+// Paths are UTF-8 byte strings. Calls that fail leave their error code readable through
+// lastError() until the next platform call, as errno / GetLastError do.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace platform {
+
+// The separator this platform joins paths with.
+inline constexpr char kSeparator = '/';
+
+// ---- errors ---------------------------------------------------------------------------------
+
+// The error code of the most recent failing platform call (errno on POSIX).
+int lastError();
+void setLastError(int code);
+// The system's text for an error code ("No such file or directory").
+std::string errorText(int code);
+// Shorthand for errorText(lastError()); call it right after the failing call.
+std::string lastErrorText();
+
+// ---- file status ----------------------------------------------------------------------------
+
+enum class Kind : std::uint8_t { Missing, Regular, Directory, Symlink, Other };
+
+struct Status {
+    Kind kind = Kind::Missing;
+    std::uint64_t size = 0;
+    std::int64_t mtime = 0;  // last write, whole seconds since 1970-01-01
+};
+
+// Follows symbolic links. False (kind Missing) when the path cannot be examined.
+bool status(const std::string& path, Status& out);
+// Does not follow a final symbolic link (it is reported as Kind::Symlink).
+bool linkStatus(const std::string& path, Status& out);
+bool isDirectory(const std::string& path);
+bool exists(const std::string& path);
+
+// ---- changes to the file system -------------------------------------------------------------
+
+bool removeFile(const std::string& path);       // fails on a directory
+bool removeDirectory(const std::string& path);  // empty directories only
+bool makeDirectory(const std::string& path);    // one level; fails when it exists
+// Moves from -> to; never replaces an existing target (fails with the "exists" error).
+bool renameNoReplace(const std::string& from, const std::string& to);
+// The error code that makeDirectory/renameNoReplace report for an existing target.
+int existsErrorCode();
+
+// ---- directory listing ----------------------------------------------------------------------
+
+// Lists the names of one directory in the order the system returns them, "." and ".."
+// included when the system reports them.
+class DirectoryReader {
+public:
+    DirectoryReader() = default;
+    ~DirectoryReader();
+    DirectoryReader(const DirectoryReader&) = delete;
+    DirectoryReader& operator=(const DirectoryReader&) = delete;
+    DirectoryReader(DirectoryReader&& other) noexcept;
+    DirectoryReader& operator=(DirectoryReader&& other) noexcept;
+
+    bool open(const std::string& path);
+    bool isOpen() const { return handle_ != nullptr; }
+    // Next name, or false at the end (lastError() is 0 then) or on failure.
+    bool next(std::string& name);
+    void close();
+
+private:
+    void* handle_ = nullptr;
+};
+
+// Names in `directory` (the current directory when empty) other than "." and ".." that match
+// the shell pattern, in byte order.
+std::vector<std::string> matchNames(const std::string& directory, const std::string& pattern);
+
+// ---- raw files ------------------------------------------------------------------------------
+
+enum class OpenMode : std::uint8_t {
+    Read,           // existing file, read only
+    WriteTruncate,  // create or truncate, write only
+    ReadWrite,      // create if missing, keep contents
+    Append,         // create if missing, writes go to the end
+};
+enum class SeekOrigin : std::uint8_t { Set, Current, End };
+
+class File {
+public:
+    File() = default;
+    ~File();
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+    File(File&& other) noexcept;
+    File& operator=(File&& other) noexcept;
+
+    bool open(const std::string& path, OpenMode mode);
+    bool isOpen() const { return fd_ >= 0; }
+    // Byte count (0 at the end of the file) or -1 on failure.
+    std::int64_t read(std::span<std::uint8_t> into);
+    // Bytes written (all of them unless it failed) or -1 on failure.
+    std::int64_t write(std::span<const std::uint8_t> bytes);
+    // New position or -1.
+    std::int64_t seek(std::int64_t offset, SeekOrigin origin);
+    std::int64_t tell();
+    // False when closing reported an error (a delayed write failure, say).
+    bool close();
+
+private:
+    int fd_ = -1;
+};
+
+// ---- process and environment ----------------------------------------------------------------
+
+// The value of an environment variable, or nullptr when it is not set.
+const char* environment(const char* name);
+// The machine's host name; false when the system would not tell.
+bool hostName(std::string& out);
+std::uint32_t processId();
+std::int64_t currentTime();  // seconds since 1970-01-01
+bool standardErrorIsTerminal();
+
+}  // namespace platform

@@ -1,0 +1,268 @@
+// The POSIX implementation of the platform interface (Linux first).
+#include "platform/platform.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <fnmatch.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#ifndef RENAME_NOREPLACE
+#define RENAME_NOREPLACE (1 << 0)
+#endif
+
+namespace platform {
+
+int lastError() { return errno; }
+void setLastError(int code) { errno = code; }
+
+std::string errorText(int code) {
+    char buffer[256];
+    // GNU strerror_r may return a static string instead of filling the buffer.
+    const char* text = strerror_r(code, buffer, sizeof buffer);
+    return text ? std::string(text) : std::string();
+}
+
+std::string lastErrorText() { return errorText(errno); }
+
+namespace {
+
+Kind kindOf(mode_t mode) {
+    if (S_ISREG(mode)) return Kind::Regular;
+    if (S_ISDIR(mode)) return Kind::Directory;
+    if (S_ISLNK(mode)) return Kind::Symlink;
+    return Kind::Other;
+}
+
+bool fill(int rc, const struct stat& st, Status& out) {
+    if (rc != 0) {
+        out = Status{};
+        return false;
+    }
+    out.kind = kindOf(st.st_mode);
+    out.size = static_cast<std::uint64_t>(st.st_size);
+    out.mtime = static_cast<std::int64_t>(st.st_mtime);
+    return true;
+}
+
+}  // namespace
+
+bool status(const std::string& path, Status& out) {
+    struct stat st {};
+    return fill(::stat(path.c_str(), &st), st, out);
+}
+
+bool linkStatus(const std::string& path, Status& out) {
+    struct stat st {};
+    return fill(::lstat(path.c_str(), &st), st, out);
+}
+
+bool isDirectory(const std::string& path) {
+    Status st;
+    return status(path, st) && st.kind == Kind::Directory;
+}
+
+bool exists(const std::string& path) {
+    Status st;
+    return status(path, st);
+}
+
+bool removeFile(const std::string& path) { return ::unlink(path.c_str()) == 0; }
+bool removeDirectory(const std::string& path) { return ::rmdir(path.c_str()) == 0; }
+bool makeDirectory(const std::string& path) { return ::mkdir(path.c_str(), 0777) == 0; }
+int existsErrorCode() { return EEXIST; }
+
+bool renameNoReplace(const std::string& from, const std::string& to) {
+    if (::syscall(SYS_renameat2, AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0)
+        return true;
+    if (errno != EINVAL && errno != ENOSYS) return false;
+    // The file system refuses the flag: a hard link cannot replace anything either.
+    struct stat st {};
+    if (::lstat(from.c_str(), &st) != 0) return false;
+    if (S_ISDIR(st.st_mode)) {
+        errno = EEXIST;
+        if (::lstat(to.c_str(), &st) == 0) return false;
+        errno = 0;
+        return ::rename(from.c_str(), to.c_str()) == 0;
+    }
+    if (::link(from.c_str(), to.c_str()) != 0) return false;
+    if (::unlink(from.c_str()) != 0) {
+        const int saved = errno;
+        ::unlink(to.c_str());
+        errno = saved;
+        return false;
+    }
+    return true;
+}
+
+// ---- DirectoryReader ------------------------------------------------------------------------
+
+DirectoryReader::~DirectoryReader() { close(); }
+
+DirectoryReader::DirectoryReader(DirectoryReader&& other) noexcept : handle_(other.handle_) {
+    other.handle_ = nullptr;
+}
+
+DirectoryReader& DirectoryReader::operator=(DirectoryReader&& other) noexcept {
+    if (this != &other) {
+        close();
+        handle_ = other.handle_;
+        other.handle_ = nullptr;
+    }
+    return *this;
+}
+
+bool DirectoryReader::open(const std::string& path) {
+    close();
+    handle_ = ::opendir(path.c_str());
+    return handle_ != nullptr;
+}
+
+bool DirectoryReader::next(std::string& name) {
+    if (!handle_) {
+        errno = EBADF;
+        return false;
+    }
+    errno = 0;
+    const dirent* entry = ::readdir(static_cast<DIR*>(handle_));
+    if (!entry) return false;
+    name.assign(entry->d_name);
+    return true;
+}
+
+void DirectoryReader::close() {
+    if (handle_) {
+        const int saved = errno;
+        ::closedir(static_cast<DIR*>(handle_));
+        errno = saved;
+        handle_ = nullptr;
+    }
+}
+
+std::vector<std::string> matchNames(const std::string& directory, const std::string& pattern) {
+    std::vector<std::string> names;
+    DirectoryReader reader;
+    if (!reader.open(directory.empty() ? std::string(".") : directory)) return names;
+    std::string name;
+    while (reader.next(name)) {
+        if (name == "." || name == "..") continue;
+        if (::fnmatch(pattern.c_str(), name.c_str(), 0) == 0) names.push_back(name);
+    }
+    std::sort(names.begin(), names.end(),
+              [](const std::string& a, const std::string& b) { return std::strcmp(a.c_str(), b.c_str()) < 0; });
+    return names;
+}
+
+// ---- File -----------------------------------------------------------------------------------
+
+File::~File() { close(); }
+
+File::File(File&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+
+File& File::operator=(File&& other) noexcept {
+    if (this != &other) {
+        close();
+        fd_ = other.fd_;
+        other.fd_ = -1;
+    }
+    return *this;
+}
+
+bool File::open(const std::string& path, OpenMode mode) {
+    close();
+    int flags = O_CLOEXEC;
+    switch (mode) {
+        case OpenMode::Read: flags |= O_RDONLY; break;
+        case OpenMode::WriteTruncate: flags |= O_WRONLY | O_CREAT | O_TRUNC; break;
+        case OpenMode::ReadWrite: flags |= O_RDWR | O_CREAT; break;
+        case OpenMode::Append: flags |= O_WRONLY | O_CREAT | O_APPEND; break;
+    }
+    fd_ = ::open(path.c_str(), flags, 0666);
+    if (fd_ < 0) return false;
+    if (mode == OpenMode::Read) {
+        // A directory opens fine for reading on POSIX; a file stream on it is useless.
+        struct stat st {};
+        if (::fstat(fd_, &st) == 0 && S_ISDIR(st.st_mode)) {
+            ::close(fd_);
+            fd_ = -1;
+            errno = EISDIR;
+            return false;
+        }
+    }
+    return true;
+}
+
+std::int64_t File::read(std::span<std::uint8_t> into) {
+    if (fd_ < 0) {
+        errno = EBADF;
+        return -1;
+    }
+    for (;;) {
+        const ssize_t n = ::read(fd_, into.data(), into.size());
+        if (n >= 0) return n;
+        if (errno != EINTR) return -1;
+    }
+}
+
+std::int64_t File::write(std::span<const std::uint8_t> bytes) {
+    if (fd_ < 0) {
+        errno = EBADF;
+        return -1;
+    }
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = ::write(fd_, bytes.data() + done, bytes.size() - done);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return -1;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    return static_cast<std::int64_t>(done);
+}
+
+std::int64_t File::seek(std::int64_t offset, SeekOrigin origin) {
+    if (fd_ < 0) {
+        errno = EBADF;
+        return -1;
+    }
+    const int whence = origin == SeekOrigin::Set ? SEEK_SET : origin == SeekOrigin::Current ? SEEK_CUR : SEEK_END;
+    return ::lseek(fd_, static_cast<off_t>(offset), whence);
+}
+
+std::int64_t File::tell() { return seek(0, SeekOrigin::Current); }
+
+bool File::close() {
+    if (fd_ < 0) return true;
+    const int rc = ::close(fd_);
+    fd_ = -1;
+    return rc == 0;
+}
+
+// ---- process and environment ----------------------------------------------------------------
+
+const char* environment(const char* name) { return std::getenv(name); }
+
+bool hostName(std::string& out) {
+    char buffer[256] = {};
+    if (::gethostname(buffer, sizeof buffer - 1) != 0) {
+        out.clear();
+        return false;
+    }
+    out.assign(buffer);
+    return true;
+}
+
+std::uint32_t processId() { return static_cast<std::uint32_t>(::getpid()); }
+std::int64_t currentTime() { return static_cast<std::int64_t>(std::time(nullptr)); }
+bool standardErrorIsTerminal() { return ::isatty(STDERR_FILENO) == 1; }
+
+}  // namespace platform
