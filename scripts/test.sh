@@ -19,7 +19,7 @@ bash scripts/build.sh asan
 echo "== tests (sanitizers)"
 ctest --test-dir build-asan --output-on-failure -j "$jobs"
 
-if [ -f fuzz/CMakeLists.txt ]; then
+if [ -f tests/fuzz/CMakeLists.txt ]; then
   echo "== fuzzing (short run)"
   bash scripts/build.sh fuzz
   bash scripts/fuzz.sh 60
