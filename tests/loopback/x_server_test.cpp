@@ -584,3 +584,22 @@ TEST(XServerGarbage, ConnectionFloodIsBounded) {
     }
     ADD_FAILURE() << "no client served after the flood";
 }
+
+// A client that connects, sends and leaves before anyone looks is still reported, once, and
+// what it sent is still there to be read.
+TEST(XServerEvents, QuickClientIsReportedOnce) {
+    auto server = startServer();
+    ASSERT_TRUE(server);
+    {
+        auto c = connect(server->displayName());
+        sendRequest(c.get(), &fileTransferExtension, 119, statusBody("bye"), true, false);
+        EXPECT_TRUE(roundTrip(c.get()));
+    }
+    auto r = server->nextRequest(5s);
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->client, server->lastClient());
+    for (int i = 0; i < 500 && server->clientConnected(); ++i) std::this_thread::sleep_for(10ms);
+    EXPECT_FALSE(server->clientConnected());
+    EXPECT_TRUE(server->waitForClient(0ms));
+    EXPECT_FALSE(server->waitForClient(50ms));
+}

@@ -80,8 +80,7 @@ bool Desktop::serveClient(std::chrono::milliseconds waitForClient) {
     while (!server_.waitForClient(100ms)) {
         if (stopping_ || std::chrono::steady_clock::now() >= deadline) return false;
     }
-    client_ = server_.currentClient();
-    if (client_ == 0) return false;
+    client_ = server_.lastClient();  // perhaps gone already; what it sent is still queued
     session_.reset();
     printing_ = false;
     say("client " + std::to_string(client_) + " connected");

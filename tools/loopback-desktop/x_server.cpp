@@ -514,6 +514,7 @@ bool XServer::processSetup(Connection& c) {
     c.out.insert(c.out.end(), accepted.begin(), accepted.end());
     c.ready = true;
     ++accepted_;
+    lastClient_ = c.id;
     changed_.notify_all();
     return true;
 }
@@ -653,7 +654,14 @@ bool XServer::enqueue(Connection* c, std::span<const std::uint8_t> data) {
 
 bool XServer::waitForClient(std::chrono::milliseconds timeout) {
     std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, timeout, [&] { return current() != nullptr; });
+    if (!changed_.wait_for(lock, timeout, [&] { return current() != nullptr || accepted_ > reported_; })) return false;
+    reported_ = accepted_;
+    return true;
+}
+
+std::uint32_t XServer::lastClient() const {
+    std::lock_guard lock(mutex_);
+    return lastClient_;
 }
 
 bool XServer::waitForDisconnect(std::chrono::milliseconds timeout) {
