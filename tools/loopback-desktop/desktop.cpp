@@ -75,15 +75,22 @@ void Desktop::say(const std::string& line) {
     if (options_.log) options_.log(line);
 }
 
-bool Desktop::serveClient(std::chrono::milliseconds waitForClient) {
-    const auto deadline = std::chrono::steady_clock::now() + waitForClient;
-    while (!server_.waitForClient(100ms)) {
-        if (stopping_ || std::chrono::steady_clock::now() >= deadline) return false;
+bool Desktop::serveClient(std::chrono::milliseconds waitForRequest) {
+    // The client whose request comes first (deferred ones before new ones) is served until it
+    // has gone; requests of other clients meanwhile wait in the backlog.
+    std::optional<Request> first;
+    if (!backlog_.empty()) {
+        first = std::move(backlog_.front());
+        backlog_.pop_front();
     }
-    client_ = server_.lastClient();  // perhaps gone already; what it sent is still queued
+    const auto deadline = std::chrono::steady_clock::now() + waitForRequest;
+    while (!first && !stopping_ && std::chrono::steady_clock::now() < deadline) first = server_.nextRequest(100ms);
+    if (!first) return false;
+    client_ = first->client;
     session_.reset();
     printing_ = false;
-    say("client " + std::to_string(client_) + " connected");
+    say("serving client " + std::to_string(client_));
+    dispatch(*first);
     while (auto request = nextFromClient()) dispatch(*request);
     if (printing_) say("print job " + printName_ + " left unfinished (" + std::to_string(printData_.size()) + " bytes)");
     printing_ = false;
@@ -93,10 +100,18 @@ bool Desktop::serveClient(std::chrono::milliseconds waitForClient) {
 
 std::optional<Request> Desktop::nextFromClient() {
     for (;;) {
+        const auto mine = std::find_if(backlog_.begin(), backlog_.end(), [&](const Request& r) { return r.client == client_; });
+        if (mine != backlog_.end()) {
+            Request r = std::move(*mine);
+            backlog_.erase(mine);
+            return r;
+        }
         auto r = server_.nextRequest(100ms);
         if (r) {
             if (r->client == client_) return r;
-            say("ignored a request of an earlier client");
+            if (std::none_of(backlog_.begin(), backlog_.end(), [&](const Request& b) { return b.client == r->client; }))
+                say("client " + std::to_string(r->client) + " waits until client " + std::to_string(client_) + " is done");
+            backlog_.push_back(std::move(*r));
             continue;
         }
         if (stopping_ || !server_.isConnected(client_)) return std::nullopt;
@@ -182,7 +197,7 @@ TransferEvent Desktop::echo(const TransferReply& reply, std::uint8_t kind) const
 }
 
 bool Desktop::sendEvent(const TransferEvent& event) {
-    return server_.sendGenericEvent(kTransferRequest, encodeTransferEvent(event));
+    return server_.sendGenericEventTo(client_, kTransferRequest, encodeTransferEvent(event));
 }
 
 fs::path Desktop::desktopPath(const std::string& remoteName, const std::string& localPath) const {
@@ -404,7 +419,7 @@ bool Desktop::runScriptStep(const std::string& line) {
 }
 
 bool Desktop::scriptList(const std::string& path) {
-    if (!server_.sendGenericEvent(kListDirectoryRequest, encodeListDirectory(path))) return false;
+    if (!server_.sendGenericEventTo(client_, kListDirectoryRequest, encodeListDirectory(path))) return false;
     while (auto request = nextFromClient()) {
         if (request->major == server_.fileTransferOpcode() && request->minor == kFileListItem) {
             const auto item = decodeListItem(request->bytes);
@@ -481,7 +496,7 @@ bool Desktop::scriptStore(const std::string& local, const std::string& name, boo
 }
 
 bool Desktop::scriptSimple(std::uint16_t eventType, std::span<const std::uint8_t> payload, const std::string& what) {
-    if (!server_.sendGenericEvent(eventType, payload)) return false;
+    if (!server_.sendGenericEventTo(client_, eventType, payload)) return false;
     while (auto request = nextFromClient()) {
         dispatch(*request);
         if (request->major == server_.fileTransferOpcode() && request->minor == kFileTransferStatus) {

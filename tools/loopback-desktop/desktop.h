@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -41,9 +42,10 @@ class Desktop {
 public:
     Desktop(XServer& server, DesktopOptions options);
 
-    // Serves one client from its handshake until it goes away. False when no client came
-    // within `waitForClient` (or stop() was called first).
-    bool serveClient(std::chrono::milliseconds waitForClient);
+    // Serves one client, from its first request until it has gone; requests of other clients
+    // that come meanwhile wait for their turn. False when no request came within
+    // `waitForRequest` (or stop() was called first).
+    bool serveClient(std::chrono::milliseconds waitForRequest);
     // Makes serveClient return soon (from another thread or a signal-driven loop).
     void stop() { stopping_ = true; }
 
@@ -83,6 +85,7 @@ private:
     DesktopOptions options_;
     std::atomic<bool> stopping_{false};
     std::uint32_t client_ = 0;
+    std::deque<Request> backlog_;  // requests of other clients, in the order they came
     std::optional<SessionStart> session_;
     std::string outcome_;
     // A print job in progress.
