@@ -109,7 +109,8 @@ std::optional<Request> Desktop::nextFromClient() {
         auto r = server_.nextRequest(100ms);
         if (r) {
             if (r->client == client_) return r;
-            if (std::none_of(backlog_.begin(), backlog_.end(), [&](const Request& b) { return b.client == r->client; }))
+            if (server_.isConnected(client_) &&
+                std::none_of(backlog_.begin(), backlog_.end(), [&](const Request& b) { return b.client == r->client; }))
                 say("client " + std::to_string(r->client) + " waits until client " + std::to_string(client_) + " is done");
             backlog_.push_back(std::move(*r));
             continue;
