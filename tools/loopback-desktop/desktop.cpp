@@ -41,8 +41,12 @@ fs::path insideFolder(std::string_view name) {
     return out.empty() ? fs::path("unnamed") : out;
 }
 
-std::string plural(std::size_t n, const char* what) {
-    return std::to_string(n) + " " + what + (n == 1 ? "" : "s");
+std::string plural(std::size_t n, std::string_view what) {
+    std::string out = std::to_string(n) + " " + std::string(what);
+    if (n == 1) return out;
+    if (what.ends_with("y")) out.replace(out.size() - 1, 1, "ies");
+    else out += "s";
+    return out;
 }
 
 std::string itemType(std::uint8_t type) {
@@ -457,8 +461,22 @@ bool Desktop::scriptFetch(const std::string& local, std::uint8_t objectType) {
     }
     start.size = reply->size;
     receiveFromClient(start);
-    TransferEvent end = echo(start, 8);
-    return outcome_ == "stored" && sendEvent(end);
+    if (outcome_ != "stored" || !sendEvent(echo(start, 8))) return false;
+    if (objectType != kObjectDirectory) return true;
+    // The client closes a directory transfer with a status of its own.
+    return awaitStatus("the client's closing status");
+}
+
+bool Desktop::awaitStatus(const char* waitingFor) {
+    while (auto request = nextFromClient()) {
+        dispatch(*request);
+        if (request->major == server_.fileTransferOpcode() && request->minor == kFileTransferStatus) {
+            const auto status = decodeTransferStatus(request->bytes);
+            return status && status->status == 0;
+        }
+    }
+    say(std::string("client went away while the desktop waited for ") + waitingFor);
+    return false;
 }
 
 bool Desktop::scriptStore(const std::string& local, const std::string& name, bool directory) {
@@ -481,32 +499,15 @@ bool Desktop::scriptStore(const std::string& local, const std::string& name, boo
     }
     if (directory) {
         sendDirectoryToClient(start);
-        if (outcome_ != "sent") return false;
         // The client reports how its unpacking went.
-        while (auto request = nextFromClient()) {
-            dispatch(*request);
-            if (request->minor == kFileTransferStatus) {
-                const auto status = decodeTransferStatus(request->bytes);
-                return status && status->status == 0;
-            }
-        }
-        return false;
+        return outcome_ == "sent" && awaitStatus("the client's unpacking status");
     }
     sendFileToClient(start);
     return outcome_ == "sent";
 }
 
 bool Desktop::scriptSimple(std::uint16_t eventType, std::span<const std::uint8_t> payload, const std::string& what) {
-    if (!server_.sendGenericEventTo(client_, eventType, payload)) return false;
-    while (auto request = nextFromClient()) {
-        dispatch(*request);
-        if (request->major == server_.fileTransferOpcode() && request->minor == kFileTransferStatus) {
-            const auto status = decodeTransferStatus(request->bytes);
-            return status && status->status == 0;
-        }
-    }
-    say("client went away during " + what);
-    return false;
+    return server_.sendGenericEventTo(client_, eventType, payload) && awaitStatus(what.c_str());
 }
 
 }  // namespace loopback

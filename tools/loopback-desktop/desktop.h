@@ -75,6 +75,7 @@ private:
     void sendDirectoryToClient(const TransferReply& announce);
     bool sendData(TransferEvent event, std::span<const std::uint8_t> data, const std::string& what);
     std::optional<TransferReply> awaitReply(const char* waitingFor);
+    bool awaitStatus(const char* waitingFor);  // true for a status of success
 
     bool scriptList(const std::string& path);
     bool scriptFetch(const std::string& local, std::uint8_t objectType);
