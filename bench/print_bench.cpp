@@ -1,0 +1,196 @@
+// Printing a large PDF through the loopback desktop, beside the lockstep limit of the same
+// exchange (see print_lockstep.cpp). Prints one line per measurement:
+//   <name> <bytes> <seconds> <MB/s>
+// and the ratio of the two rates. Usage: print_bench VAROFT_BINARY [megabytes]
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <optional>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "print/print_loop.h"
+#include "print/requests.h"
+#include "print_answer.h"
+#include "print_lockstep.h"
+#include "x_server.h"
+
+extern char** environ;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// A PDF-looking file of `size` bytes: the signature, then bytes no text test accepts.
+bool writePdf(const std::string& path, std::uint64_t size) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    const std::string head = "%PDF-1.7\n%\xE2\xE3\xCF\xD3\n";
+    out.write(head.data(), static_cast<std::streamsize>(head.size()));
+    std::vector<char> block(1 << 20);
+    std::uint32_t x = 2463534242u;
+    for (char& c : block) {
+        x ^= x << 13, x ^= x >> 17, x ^= x << 5;
+        c = static_cast<char>(x);
+    }
+    std::uint64_t left = size - head.size();
+    while (left > 0) {
+        const std::size_t n = left < block.size() ? static_cast<std::size_t>(left) : block.size();
+        out.write(block.data(), static_cast<std::streamsize>(n));
+        left -= n;
+    }
+    return static_cast<bool>(out.flush());
+}
+
+struct DesktopRun {
+    double seconds = -1;     // from start to exit
+    double cpuSeconds = 0;   // varoft's own user + system time
+};
+
+double toSeconds(const timeval& t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6; }
+
+// Accepts print requests until the last chunk; the number of data bytes they carried, or
+// nothing when the requests stopped coming.
+std::optional<std::uint64_t> acceptAll(loopback::XServer& server) {
+    std::uint64_t received = 0;
+    for (;;) {
+        auto request = server.nextRequest(std::chrono::seconds(30));
+        if (!request) return std::nullopt;
+        if (request->major != server.printOpcode()) continue;
+        const auto& b = request->bytes;
+        if (b.size() < kPrintRequestFixedSize) return std::nullopt;
+        received += b[8] | (b[9] << 8) | (b[10] << 16) | (static_cast<std::uint32_t>(b[11]) << 24);
+        server.sendPrintReply(*request, kPrintAccepted);
+        if (b[4] == 0) return received;  // the last chunk
+    }
+}
+
+// The request layer alone: chunks from memory sent by sendFileBegin / sendFileContinue from a
+// thread of this process, answered by the loopback X server. Seconds, negative on failure.
+double inProcessSeconds(std::uint64_t size) {
+    std::string error;
+    auto server = loopback::XServer::start(loopback::ServerOptions{}, &error);
+    if (!server) return -1;
+    xcb_connection_t* connection = xcb_connect(server->displayName().c_str(), nullptr);
+    if (xcb_connection_has_error(connection) || !xcb_get_extension_data(connection, &ThinPrintExtension)) {
+        xcb_disconnect(connection);
+        return -1;
+    }
+    std::vector<std::uint8_t> data(kPrintChunkSize, 'x');
+    int sent = 0;
+    const auto start = Clock::now();
+    std::thread client([&] {
+        std::uint32_t more = 1;
+        std::uint64_t left = size;
+        bool first = true;
+        for (;;) {
+            const std::size_t chunk = left < kPrintChunkSize ? static_cast<std::size_t>(left) : kPrintChunkSize;
+            left -= chunk;
+            const bool last = chunk < kPrintChunkSize;
+            const auto bytes = std::span<const std::uint8_t>(data).first(chunk);
+            const int ok = first ? sendFileBegin(connection, "bench.pdf", bytes, !last, more)
+                                 : sendFileContinue(connection, bytes, !last, more);
+            if (!ok) return;
+            first = false;
+            if (last) break;
+        }
+        sent = 1;
+    });
+    const auto received = acceptAll(*server);
+    client.join();
+    const auto end = Clock::now();
+    xcb_disconnect(connection);
+    if (!sent || !received || *received != size) return -1;
+    return std::chrono::duration<double>(end - start).count();
+}
+
+// Runs varoft on the file with the display given; `answer` accepts every chunk and tells
+// whether the job came complete.
+template <typename Answer>
+DesktopRun timeVaroft(const std::string& varoft, const std::string& display, const std::string& file, Answer answer) {
+    std::vector<std::string> args = {varoft, "-print", "-q", "-display", display, file};
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    const auto start = Clock::now();
+    pid_t pid = -1;
+    if (posix_spawn(&pid, varoft.c_str(), nullptr, nullptr, argv.data(), environ) != 0) return {};
+    const bool complete = answer();
+    int status = 0;
+    rusage usage{};
+    ::wait4(pid, &status, 0, &usage);
+    const auto end = Clock::now();
+    if (!complete || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        std::fprintf(stderr, "print_bench: the print run on %s failed\n", display.c_str());
+        return {};
+    }
+    return {std::chrono::duration<double>(end - start).count(), toSeconds(usage.ru_utime) + toSeconds(usage.ru_stime)};
+}
+
+DesktopRun throughLoopback(const std::string& varoft, const std::string& file, std::uint64_t size) {
+    std::string error;
+    auto server = loopback::XServer::start(loopback::ServerOptions{}, &error);
+    if (!server) {
+        std::fprintf(stderr, "print_bench: cannot start the X server: %s\n", error.c_str());
+        return {};
+    }
+    return timeVaroft(varoft, server->displayName(), file, [&] {
+        const auto received = acceptAll(*server);
+        return received && *received == size;
+    });
+}
+
+DesktopRun throughMinimalAnswerer(const std::string& varoft, const std::string& file) {
+    const MinimalAnswerer answerer = startMinimalAnswerer();
+    if (answerer.pid <= 0) return {};
+    return timeVaroft(varoft, ":" + std::to_string(answerer.display), file,
+                      [&] { return finishMinimalAnswerer(answerer); });
+}
+
+void row(const char* name, std::uint64_t bytes, double seconds) {
+    std::printf("%-28s %12llu %9.3f %9.1f\n", name, static_cast<unsigned long long>(bytes), seconds,
+                static_cast<double>(bytes) / 1e6 / seconds);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2) {
+        std::fprintf(stderr, "usage: print_bench VAROFT_BINARY [megabytes]\n");
+        return 2;
+    }
+    const std::string varoft = argv[1];
+    const std::uint64_t size = (argc > 2 ? std::strtoull(argv[2], nullptr, 10) : 100) * 1024 * 1024;
+
+    char dirTemplate[] = "/tmp/varoft-print-bench-XXXXXX";
+    if (!::mkdtemp(dirTemplate)) return 1;
+    const std::string dir = dirTemplate;
+    const std::string file = dir + "/bench.pdf";
+    if (!writePdf(file, size)) return 1;
+
+    const double limit = lockstepSeconds(size);
+    const DesktopRun minimal = throughMinimalAnswerer(varoft, file);
+    const double requestLayer = inProcessSeconds(size);
+    const DesktopRun desktop = throughLoopback(varoft, file, size);
+    std::error_code ec;
+    std::filesystem::remove_all(dir, ec);
+    if (limit <= 0 || minimal.seconds <= 0 || requestLayer <= 0 || desktop.seconds <= 0) return 1;
+
+    std::printf("%-28s %12s %9s %9s\n", "run", "bytes", "seconds", "MB/s");
+    row("lockstep limit (socket)", size, limit);
+    row("varoft -print, minimal X", size, minimal.seconds);
+    row("request layer, loopback", size, requestLayer);
+    row("varoft -print, loopback", size, desktop.seconds);
+    std::printf("varoft through the loopback desktop: %.1f %% of the lockstep limit\n", 100.0 * limit / desktop.seconds);
+    std::printf("varoft through a minimal X server:  %.1f %% of the lockstep limit\n", 100.0 * limit / minimal.seconds);
+    std::printf("varoft's own CPU time: %.3f s (loopback run), %.3f s (minimal run)\n", desktop.cpuSeconds,
+                minimal.cpuSeconds);
+    return 0;
+}
