@@ -100,7 +100,11 @@ TEST_F(PrintRun, EmptyAndOneByteFilesAreOneBeginEach) {
     const std::string empty = put("empty.txt", "");
     const std::string one = put("one.txt", "x");
     run({empty, one});
-    expectAndAnswer(begin("empty.txt", "", false));
+    // Written out once by hand: 9 name bytes, no data, 3 bytes of padding, 6 units.
+    const Bytes emptyWire = {server->printOpcode(), 1, 6, 0, 0, 0, 9, 0, 0, 0, 0, 0,
+                             'e', 'm', 'p', 't', 'y', '.', 't', 'x', 't', 0, 0, 0};
+    ASSERT_EQ(begin("empty.txt", "", false), emptyWire);
+    expectAndAnswer(emptyWire);
     expectAndAnswer(begin("one.txt", "x", false));
     const auto result = finish();
     EXPECT_EQ(result.exitCode, 0);
