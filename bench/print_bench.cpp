@@ -1,13 +1,16 @@
 // Printing a large PDF through the loopback desktop, beside the lockstep limit of the same
-// exchange (see print_lockstep.cpp). Prints one line per measurement:
-//   <name> <bytes> <seconds> <MB/s>
-// and the ratio of the two rates. Usage: print_bench VAROFT_BINARY [megabytes]
+// exchange (see print_lockstep.cpp) and two narrower set-ups that show where the time goes:
+// varoft against a minimal single-threaded X server, and the request layer alone (chunks from
+// memory) against the loopback X server library. Prints a table of rates and the ratios.
+// Usage: print_bench [megabytes] [rounds]
+#include <fcntl.h>
 #include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -28,6 +31,9 @@ extern char** environ;
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+constexpr const char* kVaroft = VAROFT_BINARY;
+constexpr const char* kLoopbackDesktop = LOOPBACK_DESKTOP_BINARY;
 
 // A PDF-looking file of `size` bytes: the signature, then bytes no text test accepts.
 bool writePdf(const std::string& path, std::uint64_t size) {
@@ -134,7 +140,59 @@ DesktopRun timeVaroft(const std::string& varoft, const std::string& display, con
     return {std::chrono::duration<double>(end - start).count(), toSeconds(usage.ru_utime) + toSeconds(usage.ru_stime)};
 }
 
-DesktopRun throughLoopback(const std::string& varoft, const std::string& file, std::uint64_t size) {
+// The loopback-desktop program as a separate process, keeping the job in its print folder.
+DesktopRun throughLoopbackDesktop(const std::string& varoft, const std::string& dir, const std::string& file,
+                                  std::uint64_t size) {
+    const std::string folder = dir + "/desktop", printFolder = dir + "/printed";
+    std::vector<std::string> args = {kLoopbackDesktop, "--folder", folder, "--print-folder", printFolder, "--once"};
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    int out[2];
+    if (::pipe2(out, O_CLOEXEC) != 0) return {};
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    pid_t desktop = -1;
+    const int spawned = posix_spawn(&desktop, kLoopbackDesktop, &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(out[1]);
+    if (spawned != 0) {
+        ::close(out[0]);
+        return {};
+    }
+    // "loopback-desktop: serving :N (folder ...)" comes once clients can connect.
+    std::string display, seen;
+    char c;
+    while (display.empty() && ::read(out[0], &c, 1) == 1) {
+        if (c != '\n') {
+            seen.push_back(c);
+            continue;
+        }
+        const auto at = seen.find("serving :");
+        if (at != std::string::npos) display = seen.substr(at + 8, seen.find(' ', at + 8) - (at + 8));
+        seen.clear();
+    }
+    DesktopRun run;
+    if (!display.empty()) run = timeVaroft(varoft, display, file, [] { return true; });
+    // It ends by itself after its one client; without one it would wait for ever.
+    if (run.seconds <= 0) ::kill(desktop, SIGTERM);
+    while (::read(out[0], &c, 1) == 1) {
+    }
+    ::close(out[0]);
+    int status = 0;
+    ::waitpid(desktop, &status, 0);
+    std::error_code ec;
+    const auto kept = std::filesystem::file_size(printFolder + "/bench.pdf", ec);
+    if (ec || kept != size) {
+        std::fprintf(stderr, "print_bench: the loopback desktop did not keep the whole file\n");
+        return {};
+    }
+    return run;
+}
+
+// The loopback X server library answering every chunk from this process, nothing kept.
+DesktopRun throughLoopbackServer(const std::string& varoft, const std::string& file, std::uint64_t size) {
     std::string error;
     auto server = loopback::XServer::start(loopback::ServerOptions{}, &error);
     if (!server) {
@@ -154,11 +212,6 @@ DesktopRun throughMinimalAnswerer(const std::string& varoft, const std::string& 
                       [&] { return finishMinimalAnswerer(answerer); });
 }
 
-void row(const char* name, std::uint64_t bytes, double seconds) {
-    std::printf("%-28s %12llu %9.3f %9.1f\n", name, static_cast<unsigned long long>(bytes), seconds,
-                static_cast<double>(bytes) / 1e6 / seconds);
-}
-
 }  // namespace
 
 // The fastest of several rounds of each measurement, taken in turns so that a burst of load
@@ -174,13 +227,13 @@ struct Best {
 };
 
 int main(int argc, char** argv) {
-    if (argc < 2) {
-        std::fprintf(stderr, "usage: print_bench VAROFT_BINARY [megabytes] [rounds]\n");
+    const std::string varoft = kVaroft;
+    const std::uint64_t size = (argc > 1 ? std::strtoull(argv[1], nullptr, 10) : 100) * 1024 * 1024;
+    const int rounds = argc > 2 ? std::atoi(argv[2]) : 5;
+    if (size == 0 || rounds < 1) {
+        std::fprintf(stderr, "usage: print_bench [megabytes] [rounds]\n");
         return 2;
     }
-    const std::string varoft = argv[1];
-    const std::uint64_t size = (argc > 2 ? std::strtoull(argv[2], nullptr, 10) : 100) * 1024 * 1024;
-    const int rounds = argc > 3 ? std::atoi(argv[3]) : 5;
 
     char dirTemplate[] = "/tmp/varoft-print-bench-XXXXXX";
     if (!::mkdtemp(dirTemplate)) return 1;
@@ -188,30 +241,33 @@ int main(int argc, char** argv) {
     const std::string file = dir + "/bench.pdf";
     if (!writePdf(file, size)) return 1;
 
-    Best limit, minimal, requestLayer, desktop;
+    Best limit, minimal, requestLayer, server, desktop;
     for (int round = 0; round < rounds; ++round) {
         limit.add(lockstepSeconds(size));
         const DesktopRun m = throughMinimalAnswerer(varoft, file);
         minimal.add(m.seconds, m.cpuSeconds);
         requestLayer.add(inProcessSeconds(size));
-        const DesktopRun d = throughLoopback(varoft, file, size);
+        const DesktopRun x = throughLoopbackServer(varoft, file, size);
+        server.add(x.seconds, x.cpuSeconds);
+        const DesktopRun d = throughLoopbackDesktop(varoft, dir, file, size);
         desktop.add(d.seconds, d.cpuSeconds);
     }
     std::error_code ec;
     std::filesystem::remove_all(dir, ec);
-    if (limit.failed || minimal.failed || requestLayer.failed || desktop.failed) return 1;
+    if (limit.failed || minimal.failed || requestLayer.failed || server.failed || desktop.failed) return 1;
 
     std::printf("best of %d rounds\n", rounds);
-    std::printf("%-28s %12s %9s %9s\n", "run", "bytes", "seconds", "MB/s");
-    row("lockstep limit (socket)", size, limit.seconds);
-    row("varoft -print, minimal X", size, minimal.seconds);
-    row("request layer, loopback", size, requestLayer.seconds);
-    row("varoft -print, loopback", size, desktop.seconds);
-    std::printf("varoft through the loopback desktop: %.1f %% of the lockstep limit\n",
-                100.0 * limit.seconds / desktop.seconds);
-    std::printf("varoft through a minimal X server:  %.1f %% of the lockstep limit\n",
-                100.0 * limit.seconds / minimal.seconds);
-    std::printf("varoft's own CPU time: %.3f s (loopback run), %.3f s (minimal run)\n", desktop.cpuSeconds,
-                minimal.cpuSeconds);
+    std::printf("%-34s %12s %9s %9s %7s\n", "run", "bytes", "seconds", "MB/s", "limit");
+    const auto line = [&](const char* name, double seconds) {
+        std::printf("%-34s %12llu %9.3f %9.1f %6.1f%%\n", name, static_cast<unsigned long long>(size), seconds,
+                    static_cast<double>(size) / 1e6 / seconds, 100.0 * limit.seconds / seconds);
+    };
+    line("lockstep limit (two processes)", limit.seconds);
+    line("varoft -print, minimal X server", minimal.seconds);
+    line("request layer, loopback X server", requestLayer.seconds);
+    line("varoft -print, loopback X server", server.seconds);
+    line("varoft -print, loopback-desktop", desktop.seconds);
+    std::printf("varoft's own CPU time: %.3f s (minimal X), %.3f s (loopback-desktop)\n", minimal.cpuSeconds,
+                desktop.cpuSeconds);
     return 0;
 }

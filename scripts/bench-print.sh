@@ -7,6 +7,6 @@ cd "$(dirname "$0")/.."
 megabytes=${1:-100}
 rounds=${2:-5}
 cmake -S . -B build -G Ninja >/dev/null
-cmake --build build -j "${JOBS:-2}" --target varoft print_bench >/dev/null
+cmake --build build -j "${JOBS:-2}" --target print_bench >/dev/null
 echo "== printing ${megabytes} MB"
-./build/bench/print_bench ./build/src/app/varoft "$megabytes" "$rounds"
+./build/bench/print_bench "$megabytes" "$rounds"
