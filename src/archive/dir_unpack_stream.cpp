@@ -39,6 +39,7 @@ constexpr std::uint32_t kSize32Escape = 0xFFFFFFFFu;
 constexpr std::int64_t kDescriptorCutLimit = 25;
 // The zstd decoder's failure, as the stream reports it.
 constexpr std::int32_t kZstdDataError = -2;
+constexpr int kZstdWindowLogMax = 23;
 
 enum State : std::int32_t {
     kExpectHeader = 0,
@@ -262,6 +263,9 @@ std::int32_t setUpMethod(UnpackStream* s) {
             if (!s->zstd) {
                 s->zstd.reset(ZSTD_createDCtx());
                 if (!s->zstd) return fail(s, MZ_MEM_ERROR);
+                // A frame may ask for a window of up to 8 MiB (every level but the "ultra" ones);
+                // a larger one fails instead of making the far side's bytes cost us gigabytes.
+                ZSTD_DCtx_setParameter(s->zstd.get(), ZSTD_d_windowLogMax, kZstdWindowLogMax);
             } else {
                 ZSTD_DCtx_reset(s->zstd.get(), ZSTD_reset_session_only);
             }

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <zstd.h>
+
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -238,6 +240,35 @@ TEST(UnpackStream, CorruptCompressedDataFails) {
     Bytes notZstd = toBytes("this is no zstd frame");
     outcome = unpackInto(buildArchive({{.name = "y", .data = "abc", .method = 93, .payload = notZstd}}), dir.str(),
                          fixedChunks(100));
+    EXPECT_EQ(outcome.firstFailure, -2);
+}
+
+// A zstd frame that declares its window instead of its content size.
+Bytes zstdWithWindow(const std::string& data, int windowLog) {
+    ZSTD_CCtx* context = ZSTD_createCCtx();
+    ZSTD_CCtx_setParameter(context, ZSTD_c_windowLog, windowLog);
+    ZSTD_CCtx_setParameter(context, ZSTD_c_contentSizeFlag, 0);
+    Bytes out(ZSTD_compressBound(data.size()) + 64);
+    // Streamed, so the compressor cannot shrink the window to the (unknown) size.
+    ZSTD_inBuffer in{data.data(), data.size(), 0};
+    ZSTD_outBuffer o{out.data(), out.size(), 0};
+    ZSTD_compressStream2(context, &o, &in, ZSTD_e_continue);
+    while (ZSTD_compressStream2(context, &o, &in, ZSTD_e_end) > 0) {
+    }
+    ZSTD_freeCCtx(context);
+    out.resize(o.pos);
+    return out;
+}
+
+TEST(UnpackStream, ZstdWindowsAreLimitedToEightMegabytes) {
+    const std::string data = repeatText(10000);
+    TempDir ok, refused;
+    auto outcome = unpackInto(buildArchive({{.name = "w23", .data = data, .method = 93, .payload = zstdWithWindow(data, 23)}}),
+                              ok.str(), fixedChunks(1000));
+    EXPECT_EQ(outcome.closeResult, 0);
+    EXPECT_EQ(readFile(ok / "w23"), data);
+    outcome = unpackInto(buildArchive({{.name = "w24", .data = data, .method = 93, .payload = zstdWithWindow(data, 24)}}),
+                         refused.str(), fixedChunks(1000));
     EXPECT_EQ(outcome.firstFailure, -2);
 }
 
