@@ -56,8 +56,8 @@ TEST(UnpackStream, ExtractsEveryMethodWithAnySplitOfTheBytes) {
     const auto entries = mixedEntries();
     const Bytes archive = buildArchive(entries);
     const TreeImage expected = expectedImage(entries);
-    // Two writes, split at every offset: every header, payload and descriptor is cut somewhere.
-    for (std::size_t cut = 0; cut <= archive.size(); cut += (cut < 400 || archive.size() - cut < 400) ? 1 : 97) {
+    // Two writes, split at many offsets (the 1-byte chunking below cuts at every one).
+    for (std::size_t cut = 0; cut <= archive.size(); cut += (cut < 100 || archive.size() - cut < 100) ? 1 : 89) {
         TempDir dir;
         bool first = true;
         const std::size_t firstSize = cut;
@@ -339,6 +339,30 @@ TEST(UnpackStream, NamesNeverLeaveTheTargetDirectory) {
     std::vector<std::string> outside;
     for (const auto& e : fs::directory_iterator(outer.path())) outside.push_back(e.path().filename().string());
     EXPECT_EQ(outside, std::vector<std::string>{"target"});
+}
+
+TEST(UnpackStream, LinksInTheTargetAreNotFollowed) {
+    TempDir outer;
+    const fs::path target = outer / "target", elsewhere = outer / "elsewhere";
+    fs::create_directory(target);
+    fs::create_directory(elsewhere);
+    testsupport::writeFile(elsewhere / "victim.txt", "untouched");
+    fs::create_directory_symlink(elsewhere, target / "linkdir");
+    fs::create_symlink(elsewhere / "victim.txt", target / "alias.txt");
+    const std::vector<std::pair<std::string, std::int32_t>> cases = {
+        {"linkdir/planted.txt", MZ_OPEN_ERROR},
+        {"linkdir/deeper/planted.txt", MZ_OPEN_ERROR},
+        {"alias.txt", MZ_OPEN_ERROR},
+        {"linkdir/made/", MZ_EXIST_ERROR},
+    };
+    for (const auto& [name, code] : cases) {
+        const auto outcome = unpackInto(buildArchive({{.name = name, .data = "planted"}}), target.string(), fixedChunks(64));
+        EXPECT_EQ(outcome.firstFailure, code) << name;
+    }
+    std::vector<std::string> there;
+    for (const auto& e : fs::directory_iterator(elsewhere)) there.push_back(e.path().filename().string());
+    EXPECT_EQ(there, std::vector<std::string>{"victim.txt"});
+    EXPECT_EQ(readFile(elsewhere / "victim.txt"), "untouched");
 }
 
 TEST(UnpackStream, NamesThatResolveToNothingFail) {
