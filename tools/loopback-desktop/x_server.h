@@ -1,0 +1,130 @@
+// A small X server for one machine: it speaks just enough of the X11 protocol for libxcb and the
+// two vendor extensions (file transfer and print), and hands every vendor request to the code
+// that drives it (a test, or the loopback desktop program).
+//
+// One server thread accepts connections and reads and answers the core requests itself
+// (QueryExtension, GetInputFocus, BigReqEnable; anything else gets BadRequest). The driving
+// thread takes the vendor requests from a queue and answers them through the send* calls; all
+// output of a connection goes through one buffer that only the server thread writes out, so
+// the order of replies, errors and events is the order in which they were produced.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace loopback {
+
+struct ServerOptions {
+    int display = -1;                 // -1: the first free number from 40 up
+    bool tcp = false;                 // also listen on 127.0.0.1:6000+N
+    std::string cookie;               // MIT-MAGIC-COOKIE-1 data; empty: no authorisation check
+    bool fileTransferExtension = true, printExtension = true, bigRequests = true;
+};
+
+// One vendor request as the client sent it.
+struct Request {
+    std::uint8_t major = 0, minor = 0;
+    std::uint16_t sequence = 0;       // its sequence number (low 16 bits, as on the wire)
+    bool big = false;                 // sent in the BIG-REQUESTS form
+    std::uint32_t client = 0;         // which connection sent it (see XServer::currentClient)
+    // The whole request in ordinary form: the 4-byte header (major, minor, length), then the
+    // body. For a big request the 32-bit length word is taken out, so every field sits at the
+    // offset it has in the ordinary form; the length field then holds 0 and the real length is
+    // bytes.size().
+    std::vector<std::uint8_t> bytes;
+};
+
+// Major opcodes the server hands out.
+inline constexpr std::uint8_t kFileTransferOpcode = 140;
+inline constexpr std::uint8_t kPrintOpcode = 141;
+inline constexpr std::uint8_t kBigRequestsOpcode = 142;
+// Longest request accepted in the big form, in 4-byte units (16 MiB).
+inline constexpr std::uint32_t kBigRequestMaxUnits = 4194303;
+
+class XServer {
+public:
+    // Binds the display and starts the server thread. Null (and *error set) on failure.
+    static std::unique_ptr<XServer> start(const ServerOptions& options, std::string* error);
+    ~XServer();  // stops the server, closes every connection, removes the socket and lock
+    XServer(const XServer&) = delete;
+    XServer& operator=(const XServer&) = delete;
+
+    int display() const { return display_; }
+    std::string displayName() const { return ":" + std::to_string(display_); }
+    std::uint8_t fileTransferOpcode() const { return kFileTransferOpcode; }
+    std::uint8_t printOpcode() const { return kPrintOpcode; }
+
+    // True once a client has finished the handshake and is still connected (waits up to
+    // `timeout` for one).
+    bool waitForClient(std::chrono::milliseconds timeout);
+    // The next vendor request of any client, in the order read; nullopt after `timeout`.
+    std::optional<Request> nextRequest(std::chrono::milliseconds timeout);
+    bool clientConnected() const;
+    // Id of the current client (the most recent one that finished the handshake and is still
+    // connected), 0 when none. Events go to it.
+    std::uint32_t currentClient() const;
+    // Number of clients that have finished the handshake so far.
+    std::uint32_t clientsAccepted() const;
+    // Waits until the current client has gone away (or none is connected).
+    bool waitForDisconnect(std::chrono::milliseconds timeout);
+
+    // A generic event of the file-transfer extension to the current client: event type, bytes
+    // 10..31 (zero-filled when shorter, cut at 22), and the bytes that follow byte 32 on the wire
+    // (padded to a multiple of 4 here). Its sequence is that of the last request read.
+    bool sendGenericEvent(std::uint16_t eventType, std::span<const std::uint8_t> extra,
+                          std::span<const std::uint8_t> header22 = {});
+    // Anything, as is, to the current client.
+    bool sendRaw(std::span<const std::uint8_t> bytes);
+    // The reply to a print request: code, and a reason text carried after byte 32.
+    bool sendPrintReply(const Request& request, std::uint8_t code, std::string_view reason = {});
+    // An X error for a request.
+    bool sendError(const Request& request, std::uint8_t errorCode, std::uint32_t resourceId = 0);
+    // Drops the current client once what was queued for it is written (or after a short grace).
+    void closeClient();
+
+private:
+    struct Connection;
+    XServer() = default;
+    void run();
+    void wake();
+    void acceptFrom(int listenFd);
+    void readFrom(Connection& c);
+    void writeTo(Connection& c);
+    void process(Connection& c);
+    bool processSetup(Connection& c);
+    bool processRequest(Connection& c);
+    void handleCore(Connection& c, std::span<const std::uint8_t> req);
+    void queueError(Connection& c, std::uint8_t code, std::uint8_t major, std::uint16_t minor,
+                    std::uint32_t value);
+    void drop(Connection& c, bool afterFlush);
+    Connection* findClient(std::uint32_t id);
+    Connection* current() const;
+    bool enqueue(Connection* c, std::span<const std::uint8_t> bytes);
+
+    ServerOptions options_;
+    int display_ = -1;
+    std::string socketPath_, lockPath_;
+    std::vector<int> listenFds_;
+    int wakeRead_ = -1, wakeWrite_ = -1;
+    std::thread thread_;
+    bool stopping_ = false;
+
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<std::unique_ptr<Connection>> connections_;
+    std::deque<Request> requests_;
+    std::uint32_t nextId_ = 1;
+    std::uint32_t accepted_ = 0;
+};
+
+}  // namespace loopback
