@@ -1,5 +1,12 @@
+#include "archive/dir_unpack_stream.h"
 #include "filetransfer/transfer_state.h"
 
-// The directory streams arrive with the archive code; until then no directory can be opened.
-bool ensureDirPackStream() { return DirPackStream != nullptr; }
-bool ensureDirUnpackStream() { return DirUnpackStream != nullptr; }
+bool ensureDirPackStream() {
+    // The packing stream is not part of the build yet: no local directory can be sent.
+    return DirPackStream != nullptr;
+}
+
+bool ensureDirUnpackStream() {
+    if (!DirUnpackStream) DirUnpackStream = createDirUnpackStream();
+    return DirUnpackStream != nullptr;
+}
