@@ -1,8 +1,11 @@
+#include "archive/dir_pack_stream.h"
 #include "archive/dir_unpack_stream.h"
 #include "filetransfer/transfer_state.h"
 
+// Both streams keep their defaults: every file is deflated, and the transfer's own byte count
+// drives the progress line, so neither stream gets callbacks.
 bool ensureDirPackStream() {
-    // The packing stream is not part of the build yet: no local directory can be sent.
+    if (!DirPackStream) DirPackStream = createDirPackStream();
     return DirPackStream != nullptr;
 }
 

@@ -244,4 +244,118 @@ TEST_F(DirectoryReceive, GetDirectoryOntoAPlainFile) {
     EXPECT_EQ(answer->status->path, local);
 }
 
+// ---- sending directories -------------------------------------------------------------------
+
+class DirectorySend : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!far.ok()) GTEST_SKIP() << "no loopback server: " << far.error();
+        if (!archivetest::haveTool("unzip")) GTEST_SKIP() << "unzip is not installed";
+        archivetest::makeSampleTree(dir / "source");
+    }
+    // Pulls the archive with kind-5 events until kind 8; the replies echo the transfer.
+    Bytes pull(const std::string& b, std::string a = "desk") {
+        Bytes zip;
+        for (int guard = 0; guard < 10000; ++guard) {
+            Event e;
+            e.direction = 1;
+            e.objectType = 6;
+            e.kind = 5;
+            e.a = a;
+            e.b = b;
+            EXPECT_TRUE(far.send(e));
+            const auto reply = far.nextReply();
+            EXPECT_TRUE(reply);
+            if (!reply) break;
+            EXPECT_EQ(reply->objectType, 6);
+            EXPECT_EQ(reply->size, 0u);
+            EXPECT_EQ(reply->b, b);
+            if (reply->kind == 8) break;
+            EXPECT_EQ(reply->kind, 4);
+            EXPECT_LE(reply->c.size(), 131072u);
+            zip.insert(zip.end(), reply->c.begin(), reply->c.end());
+        }
+        return zip;
+    }
+    // Unpacks with the unzip tool and compares with the source tree.
+    void expectSameTree(const Bytes& zip) {
+        testsupport::writeFile(dir / "got.zip", std::string(zip.begin(), zip.end()));
+        ASSERT_EQ(archivetest::shell("unzip -q got.zip -d unpacked", dir.str()), 0);
+        EXPECT_EQ(archivetest::imageOf(dir / "unpacked"), archivetest::imageOf(dir / "source"));
+    }
+
+    FarSide far;
+    testsupport::TempDir dir;
+};
+
+TEST_F(DirectorySend, PutDirectoryFromTheCommandLine) {
+    const std::string local = (dir / "source").string();
+    ASSERT_TRUE(far.start({"-putd", local, "Desktop/copy"}));
+    const auto announce = far.nextReply();
+    ASSERT_TRUE(announce);
+    EXPECT_EQ(announce->direction, 1);
+    EXPECT_EQ(announce->objectType, 6);
+    EXPECT_EQ(announce->openFlag, 0);
+    EXPECT_EQ(announce->kind, 10);
+    EXPECT_EQ(announce->size, 0u);
+    EXPECT_EQ(announce->a, "Desktop/copy");
+    EXPECT_EQ(announce->b, local);
+    const Bytes zip = pull(local, "Desktop/copy");
+    const auto result = far.finish();
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_TRUE(endsWith(result.err, "File Transfer completed.\n")) << result.err;
+    expectSameTree(zip);
+    EXPECT_TRUE(fs::is_directory(local));
+}
+
+TEST_F(DirectorySend, SessionFetchOfADirectory) {
+    ASSERT_TRUE(far.start({}));
+    ASSERT_TRUE(far.nextReply());
+    const std::string local = (dir / "source").string();
+    Event start;
+    start.direction = 1;
+    start.objectType = 6;
+    start.kind = 0;
+    start.size = 999;  // the far side's size is replaced by 0 for a directory
+    start.a = "desk";
+    start.b = local;
+    ASSERT_TRUE(far.send(start));
+    const auto opened = far.nextReply();
+    ASSERT_TRUE(opened);
+    EXPECT_EQ(opened->kind, 3);
+    EXPECT_EQ(opened->size, 0u);
+    expectSameTree(pull(local));
+
+    // A missing directory is a failed status of request kind 0.
+    start.b = (dir / "missing").string();
+    ASSERT_TRUE(far.send(start));
+    const auto status = far.nextStatus();
+    ASSERT_TRUE(status);
+    EXPECT_EQ(status->requestKind, 0);
+    EXPECT_EQ(status->failed, 1);
+    EXPECT_EQ(status->path, start.b);
+    far.server().closeClient();
+    EXPECT_EQ(far.finish().exitCode, 0);
+}
+
+TEST_F(DirectorySend, AbortOfADirectorySendLeavesTheTree) {
+    const std::string local = (dir / "source").string();
+    const auto before = archivetest::imageOf(local);
+    ASSERT_TRUE(far.start({"-putd", local, "r"}));
+    ASSERT_TRUE(far.nextReply());
+    Event e;
+    e.direction = 1;
+    e.objectType = 6;
+    e.kind = 5;
+    e.b = local;
+    ASSERT_TRUE(far.send(e));
+    ASSERT_TRUE(far.nextReply());
+    e.kind = 7;
+    ASSERT_TRUE(far.send(e));
+    const auto result = far.finish();
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_TRUE(endsWith(result.err, "File Transfer aborted by remote.\n"));
+    EXPECT_EQ(archivetest::imageOf(local), before);
+}
+
 }  // namespace
