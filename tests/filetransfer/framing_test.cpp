@@ -177,7 +177,8 @@ TEST(TransferRequestDecoding, NamesOutsideOneTo1023AreNotTaken) {
     const Bytes local = bytesOf("/b");
     tail.insert(tail.end(), local.begin(), local.end());
     TransferRequest t;
-    ASSERT_TRUE(decodeTransferRequest(eventBuffer(90, transferPayload(5, 1024, 2, 0, tail)), t));
+    const Bytes event = eventBuffer(90, transferPayload(5, 1024, 2, 0, tail));  // the views point into it
+    ASSERT_TRUE(decodeTransferRequest(event, t));
     EXPECT_FALSE(t.hasNameA);
     EXPECT_TRUE(t.hasNameB);
     EXPECT_EQ(t.nameB, "/b");
