@@ -197,6 +197,7 @@ bool bindDisplay(int n, bool tcp, Binding& b, bool* busy, std::string* error) {
         return false;
     }
     b.socketMade = true;
+    ::chmod(b.socketPath.c_str(), 0777);  // any local user may connect, as with X servers
     b.fds.push_back(std::move(pathFd));
     b.fds.push_back(std::move(abstractFd));
     if (tcp) {
@@ -627,7 +628,7 @@ void XServer::handleCore(Connection& c, std::span<const std::uint8_t> req) {
     queueError(c, kBadRequest, major, extension ? req[1] : 0, 0);
 }
 
-XServer::Connection* XServer::findClient(std::uint32_t id) {
+XServer::Connection* XServer::findClient(std::uint32_t id) const {
     for (auto& c : connections_) {
         if (c->id == id && c->ready && !c->closing && c->fd.valid()) return c.get();
     }
@@ -679,6 +680,11 @@ std::uint32_t XServer::currentClient() const {
     std::lock_guard lock(mutex_);
     const Connection* c = current();
     return c ? c->id : 0;
+}
+
+bool XServer::isConnected(std::uint32_t client) const {
+    std::lock_guard lock(mutex_);
+    return findClient(client) != nullptr;
 }
 
 std::uint32_t XServer::clientsAccepted() const {

@@ -73,6 +73,8 @@ public:
     // Id of the current client (the most recent one that finished the handshake and is still
     // connected), 0 when none. Events go to it.
     std::uint32_t currentClient() const;
+    // Whether the client with this id is still connected (and not being closed).
+    bool isConnected(std::uint32_t client) const;
     // Number of clients that have finished the handshake so far.
     std::uint32_t clientsAccepted() const;
     // Waits until the current client has gone away (or none is connected).
@@ -107,7 +109,7 @@ private:
     void queueError(Connection& c, std::uint8_t code, std::uint8_t major, std::uint16_t minor,
                     std::uint32_t value);
     void drop(Connection& c, bool afterFlush);
-    Connection* findClient(std::uint32_t id);
+    Connection* findClient(std::uint32_t id) const;
     Connection* current() const;
     bool enqueue(Connection* c, std::span<const std::uint8_t> bytes);
 
