@@ -325,6 +325,16 @@ TEST_F(DirectorySend, SessionFetchOfADirectory) {
     EXPECT_EQ(opened->kind, 3);
     EXPECT_EQ(opened->size, 0u);
     expectSameTree(pull(local));
+    // Completion of any directory transfer is answered with a status of request kind 1. No
+    // unpack stream exists in this session, which counts as a failed unpacking.
+    Event end = start;
+    end.kind = 8;
+    ASSERT_TRUE(far.send(end));
+    const auto completion = far.nextStatus();
+    ASSERT_TRUE(completion);
+    EXPECT_EQ(completion->requestKind, 1);
+    EXPECT_EQ(completion->failed, 1);
+    EXPECT_EQ(completion->path, "");
 
     // A missing directory is a failed status of request kind 0.
     start.b = (dir / "missing").string();
