@@ -12,6 +12,7 @@
 #include "archive/mz_stream.h"
 #include "filetransfer/environment.h"
 #include "filetransfer/framing.h"
+#include "filetransfer/progress.h"
 #include "filetransfer/protocol.h"
 #include "filetransfer/transfer.h"
 #include "filetransfer/transfer_state.h"
@@ -73,6 +74,7 @@ std::string lastComponent(const std::string& path) {
 
 void announce(xcb_connection_t* connection, std::uint8_t direction, std::uint8_t objectType, std::uint8_t openFlag,
               std::uint64_t size) {
+    startProgress(LocalPath, size);
     FileTransferReplyFields fields;
     fields.direction = direction;
     fields.objectType = objectType;

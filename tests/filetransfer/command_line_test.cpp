@@ -185,6 +185,38 @@ TEST(FileTransferPut, SessionClosedByTheDesktopEndsTheRun) {
     EXPECT_TRUE(fs::exists(dir / "a"));
 }
 
+// The progress line of long transfers appears only on a terminal, and is wiped before the
+// closing message; otherwise standard error carries the documented lines alone.
+TEST(FileTransferPut, ProgressLineOnlyOnATerminal) {
+    testsupport::TempDir dir;
+    const std::string local = (dir / "big.bin").string();
+    testsupport::writeFile(local, std::string(20u << 20, 'p'));
+    for (const bool terminal : {false, true}) {
+        SCOPED_TRACE(terminal);
+        if (terminal && !fs::exists("/usr/bin/script")) GTEST_SKIP() << "no script(1) for a terminal";
+        FarSide far;
+        START_OR_SKIP(far);
+        const std::string command =
+            testsupport::varoftBinary() + " -display " + far.server().displayName() + " -put " + local;
+        ASSERT_TRUE(terminal ? far.startCommand("/usr/bin/script", {"-qec", command, "/dev/null"})
+                             : far.start({"-put", local}));
+        const auto announce = far.nextReply();
+        ASSERT_TRUE(announce);
+        std::size_t chunks = 0;
+        EXPECT_EQ(pullAll(far, *announce, &chunks).size(), 20u << 20);
+        const auto result = far.finish();
+        EXPECT_EQ(result.exitCode, 0);
+        const std::string shown = result.err + result.out;  // script(1) relays the terminal on stdout
+        if (terminal) {
+            EXPECT_NE(shown.find(local + ": 20.0 MiB (100%)"), std::string::npos) << testing::PrintToString(shown);
+            EXPECT_NE(shown.find("\rFile Transfer completed."), std::string::npos) << shown;  // line wiped first
+        } else {
+            EXPECT_EQ(shown.find('\r'), std::string::npos);
+            EXPECT_TRUE(endsWith(result.err, "File Transfer completed.\n"));
+        }
+    }
+}
+
 // ---- -get ------------------------------------------------------------------------------------
 
 // Plays the desktop's side of a -get: the data as kind-4 events, each answered by kind 5.

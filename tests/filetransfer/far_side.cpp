@@ -47,14 +47,24 @@ FarSide::~FarSide() {
 
 bool FarSide::start(std::vector<std::string> args, std::optional<std::string> input,
                     std::map<std::string, std::optional<std::string>> env) {
+    std::vector<std::string> all = {"-display", server_->displayName()};
+    all.insert(all.end(), args.begin(), args.end());
+    return launch(testsupport::varoftBinary(), std::move(all), std::move(input), std::move(env));
+}
+
+bool FarSide::startCommand(const std::string& program, std::vector<std::string> args) {
+    return launch(program, std::move(args), std::nullopt, {});
+}
+
+bool FarSide::launch(const std::string& program, std::vector<std::string> args, std::optional<std::string> input,
+                     std::map<std::string, std::optional<std::string>> env) {
     testsupport::RunOptions options;
-    options.args = {"-display", server_->displayName()};
-    options.args.insert(options.args.end(), args.begin(), args.end());
+    options.args = std::move(args);
     options.input = std::move(input);
     options.workingDirectory = workingDirectory_;
     options.env = quietEnvironment();
     for (auto& [k, v] : env) options.env[k] = v;
-    process_ = std::make_unique<testsupport::RunningProcess>(testsupport::varoftBinary(), options);
+    process_ = std::make_unique<testsupport::RunningProcess>(program, options);
     if (!process_->started()) return false;
     auto* process = process_.get();
     outcome_ = std::async(std::launch::async, [process] { return process->wait(std::chrono::milliseconds(60000)); });

@@ -74,6 +74,8 @@ public:
     // background while the test plays the far side. Waits for the connection.
     bool start(std::vector<std::string> args, std::optional<std::string> input = {},
                std::map<std::string, std::optional<std::string>> env = {});
+    // Runs `program` with exactly these arguments instead of varoft (a wrapper that runs it).
+    bool startCommand(const std::string& program, std::vector<std::string> args);
     void setWorkingDirectory(std::string dir) { workingDirectory_ = std::move(dir); }
     // Waits for varoft to end.
     testsupport::RunResult finish(std::chrono::milliseconds timeout = 20000ms);
@@ -91,6 +93,9 @@ public:
     bool quiet(std::chrono::milliseconds timeout = 300ms);
 
 private:
+    bool launch(const std::string& program, std::vector<std::string> args, std::optional<std::string> input,
+                std::map<std::string, std::optional<std::string>> env);
+
     std::unique_ptr<loopback::XServer> server_;
     std::string error_;
     std::string workingDirectory_;

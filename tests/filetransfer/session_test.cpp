@@ -90,27 +90,35 @@ TEST_F(Session, StartReportsHostUserAndTheRootDrive) {
         << result.err;
 }
 
-TEST_F(Session, WindowsStyleValuesWinOverThePosixOnes) {
-    begin({"-v"}, {{"USERPROFILE", "/profiles/ann"}, {"USERNAME", "ann"}});
-    EXPECT_EQ(start->b, "ann");
-    const auto result = end();
-    EXPECT_TRUE(contains(result.err, "UserProfile = /profiles/ann\n"));
-    EXPECT_TRUE(contains(result.err, "UserHomeDir = /profiles/ann/Documents\n"));
-}
-
-TEST_F(Session, WithoutAnyHomeOrUserTheDefaultsApply) {
-    begin({"-v"}, {{"HOME", std::nullopt}, {"USER", std::nullopt}, {"LOGNAME", std::nullopt}});
-    EXPECT_EQ(start->b, "");
-    const auto result = end();
-    EXPECT_TRUE(contains(result.err, "getenv(USERPROFILE) returned NULL\n"));
-    EXPECT_TRUE(contains(result.err, "UserHomeDir = /\n"));
-    EXPECT_FALSE(contains(result.err, "USERNAME ="));
-}
-
-TEST_F(Session, WithoutHomeTheSystemDriveIsTheHome) {
-    begin({"-v"}, {{"HOME", std::nullopt}, {"SystemDrive", "C:"}});
-    const auto result = end();
-    EXPECT_TRUE(contains(result.err, "UserHomeDir = C:\n"));
+TEST_F(Session, HomeAndUserFallBackInOrder) {
+    struct Case {
+        std::map<std::string, std::optional<std::string>> env;
+        std::string user;
+        std::vector<std::string> lines;  // expected in the -v log
+    } cases[] = {
+        {{{"USERPROFILE", "/profiles/ann"}, {"USERNAME", "ann"}},
+         "ann",
+         {"UserProfile = /profiles/ann\n", "UserHomeDir = /profiles/ann/Documents\n", "USERNAME = ann\n"}},
+        {{{"HOME", std::nullopt}, {"USER", std::nullopt}},
+         "tester",  // LOGNAME
+         {"getenv(USERPROFILE) returned NULL\n", "UserHomeDir = /\n"}},
+        {{{"HOME", std::nullopt}, {"SystemDrive", "C:"}, {"USER", std::nullopt}, {"LOGNAME", std::nullopt}},
+         "",
+         {"UserHomeDir = C:\n"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.user);
+        FarSide side;
+        if (!side.ok()) GTEST_SKIP() << side.error();
+        ASSERT_TRUE(side.start({"-v"}, std::nullopt, c.env));
+        const auto reply = side.nextReply();
+        ASSERT_TRUE(reply);
+        EXPECT_EQ(reply->b, c.user);
+        side.server().closeClient();
+        const auto result = side.finish();
+        for (const auto& line : c.lines) EXPECT_TRUE(contains(result.err, line)) << line << result.err;
+        EXPECT_EQ(contains(result.err, "USERNAME ="), !c.user.empty());
+    }
 }
 
 TEST_F(Session, RunsUntilTheConnectionGoesAway) {
