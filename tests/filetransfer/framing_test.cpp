@@ -214,4 +214,45 @@ TEST(TransferRequestDecoding, SessionEndAndRefusalsNeedOnlyTheirKind) {
     EXPECT_FALSE(decodeTransferRequest(eventBuffer(90, Bytes{2, 1, 0, 4}), t));
 }
 
+// Random events with length fields near the real size: whatever is accepted lies inside the
+// event, and exactly the events whose lengths fit are accepted.
+TEST(TransferRequestDecoding, AcceptedViewsAlwaysLieInsideTheEvent) {
+    std::uint32_t x = 2463534242u;
+    auto next = [&x] {
+        x ^= x << 13;
+        x ^= x >> 17;
+        x ^= x << 5;
+        return x;
+    };
+    for (int round = 0; round < 20000; ++round) {
+        const std::size_t tailSize = next() % 64;
+        const auto lengthA = static_cast<std::uint16_t>(next() % 8 == 0 ? 1024 + next() % 3000 : next() % (tailSize + 4));
+        const auto lengthB = static_cast<std::uint16_t>(next() % (tailSize + 4));
+        const auto dataLength = static_cast<std::uint32_t>(next() % (tailSize + 4));
+        const auto kind = static_cast<std::uint8_t>(next() % 2 == 0 ? 4 : next() % 20);
+        const Bytes event = eventBuffer(90, transferPayload(kind, lengthA, lengthB, dataLength, Bytes(tailSize, 'x')));
+        TransferRequest t;
+        const bool accepted = decodeTransferRequest(event, t);
+        const auto inside = [&event](const void* p, std::size_t n) {
+            const auto* b = static_cast<const std::uint8_t*>(p);
+            return n == 0 || (b >= event.data() && b + n <= event.data() + event.size());
+        };
+        const std::size_t room = event.size() - 56;  // bytes after the fixed fields
+        bool fits = true;
+        if (kind != 13 && (kind < 14 || kind > 17)) {
+            if (lengthA >= 1 && lengthA <= 1023 && lengthA > room) fits = false;
+            if (lengthB >= 1 && lengthB <= 1023 && std::size_t{lengthA} + lengthB > room) fits = false;
+            if (kind == 4 && std::size_t{lengthA} + lengthB + dataLength > room) fits = false;
+        }
+        ASSERT_EQ(accepted, fits) << round;
+        if (!accepted) continue;
+        EXPECT_TRUE(inside(t.nameA.data(), t.nameA.size()));
+        EXPECT_TRUE(inside(t.nameB.data(), t.nameB.size()));
+        EXPECT_TRUE(inside(t.data.data(), t.data.size()));
+        if (kind == 4) {
+            EXPECT_EQ(t.data.size(), dataLength);
+        }
+    }
+}
+
 }  // namespace
