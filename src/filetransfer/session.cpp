@@ -1,18 +1,201 @@
 #include "filetransfer/session.h"
 
-#include "app/log.h"
-#include "filetransfer/protocol.h"
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
 
 #include <xcb/xcbext.h>
 
+#include "app/log.h"
+#include "app/state.h"
+#include "archive/mz_stream.h"
+#include "filetransfer/environment.h"
+#include "filetransfer/framing.h"
+#include "filetransfer/progress.h"
+#include "filetransfer/protocol.h"
+#include "filetransfer/transfer.h"
+#include "filetransfer/transfer_state.h"
+#include "platform/platform.h"
+
 xcb_extension_t FileTransferExtension = {kFileTransferExtensionName, 0};
 
+void closeCurrentStream() {
+    if (CurrentStream) {
+        const auto* table = static_cast<mz_stream*>(CurrentStream)->vtbl;
+        if (table && table->close && table->is_open && mz_stream_is_open(CurrentStream) == MZ_OK)
+            mz_stream_close(CurrentStream);
+    }
+    CurrentStream = nullptr;
+}
+
+void endTransferProcess(xcb_connection_t* connection) {
+    xcb_flush(connection);
+    std::exit(0);
+}
+
+namespace {
+
+[[noreturn]] void failLocal(xcb_connection_t* connection, const char* format, const std::string& path) {
+    logPrint(1, format, path.c_str());
+    endTransferProcess(connection);
+}
+
+// The overwrite question: only a lower-case 'n' refuses; anything else, end of input included,
+// accepts and remembers the path as the one the user agreed to replace.
+void askOverwrite(xcb_connection_t* connection, const char* question) {
+    logPrint(1, question, LocalPath.c_str());
+    const int answer = std::getchar();
+    if (answer == 'n') {
+        logPrint(1, "File Transfer abort.\n");
+        endTransferProcess(connection);
+    }
+    setKeepPath(LocalPath);
+}
+
+// -put and -open: the local file opened for reading, its size taken.
+void openLocalSource(xcb_connection_t* connection) {
+    if (!ensureFileStream() || mz_stream_open(FileStream, LocalPath.c_str(), MZ_OPEN_MODE_READ) != MZ_OK)
+        failLocal(connection, "Unable to open local file: %s.\n", LocalPath);
+    if (mz_stream_seek(FileStream, 0, MZ_SEEK_END) != MZ_OK)
+        failLocal(connection, "Unable to open local file: %s.\n", LocalPath);
+    const std::int64_t size = mz_stream_tell(FileStream);
+    if (size < 0 || mz_stream_seek(FileStream, 0, MZ_SEEK_SET) != MZ_OK)
+        failLocal(connection, "Unable to open local file: %s.\n", LocalPath);
+    LocalFileSize = static_cast<std::uint64_t>(size);
+    CurrentStream = FileStream;
+}
+
+// The last component of a path, after the later of its last backslash and last slash.
+std::string lastComponent(const std::string& path) {
+    const std::size_t cut = path.find_last_of("\\/");
+    return cut == std::string::npos ? path : path.substr(cut + 1);
+}
+
+void announce(xcb_connection_t* connection, std::uint8_t direction, std::uint8_t objectType, std::uint8_t openFlag,
+              std::uint64_t size) {
+    startProgress(LocalPath, size);
+    FileTransferReplyFields fields;
+    fields.direction = direction;
+    fields.objectType = objectType;
+    fields.openFlag = openFlag;
+    fields.kind = kReplyCommandLineStart;
+    fields.size = size;
+    fields.a = RemotePath;
+    fields.b = LocalPath;
+    sendFileTransferReply(connection, fields);
+}
+
+void prepareGet(xcb_connection_t* connection) {
+    {
+        platform::File existing;
+        if (existing.open(LocalPath, platform::OpenMode::Read)) {
+            existing.close();
+            askOverwrite(connection, "Local File %s exists, overwrite it [y/n]?");
+        }
+    }
+    if (!ensureFileStream() ||
+        mz_stream_open(FileStream, LocalPath.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE) != MZ_OK)
+        failLocal(connection, "Unable to open local file for writting: %s.\n", LocalPath);
+    CurrentStream = FileStream;
+    announce(connection, kDirectionFromDesktop, kObjectFile, 0, 0);
+}
+
+void preparePut(xcb_connection_t* connection) {
+    openLocalSource(connection);
+    announce(connection, kDirectionToDesktop, kObjectFile, 0, LocalFileSize);
+}
+
+void prepareOpen(xcb_connection_t* connection) {
+    openLocalSource(connection);
+    RemotePath = lastComponent(LocalPath);
+    announce(connection, kDirectionToDesktop, kObjectOpenFile, 1, LocalFileSize);
+}
+
+void prepareGetDirectory(xcb_connection_t* connection) {
+    const std::size_t cut = LocalPath.find_last_of("\\/");
+    if (cut == std::string::npos) failLocal(connection, "Wrong local path: %s \n", LocalPath);
+    // A directory straight under the root has the root as its parent.
+    const std::string parent = cut == 0 ? LocalPath.substr(0, 1) : LocalPath.substr(0, cut);
+    if (!platform::exists(parent)) failLocal(connection, "Wrong local path: %s \n", parent);
+
+    if (platform::isDirectory(LocalPath)) {
+        askOverwrite(connection, "Local Directory %s exists, overwrite it [y/n]?");
+    } else if (!platform::makeDirectory(LocalPath)) {
+        const int error = platform::lastError();
+        logPrint(1, "Unable to create directory %s: %s (%d)\n", LocalPath.c_str(), platform::errorText(error).c_str(),
+                 error);
+    }
+    if (!ensureDirUnpackStream() ||
+        mz_stream_open(DirUnpackStream, LocalPath.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE) != MZ_OK) {
+        const int error = platform::lastError();
+        mz_stream_close(DirUnpackStream);
+        platform::setLastError(error);
+        sendFileTransferStatus(connection, LocalPath, kStatusTransferTarget, true);
+        endTransferProcess(connection);
+    }
+    CurrentStream = DirUnpackStream;
+    announce(connection, kDirectionFromDesktop, kObjectDirectory, 0, 0);
+}
+
+void preparePutDirectory(xcb_connection_t* connection) {
+    platform::Status st;
+    if (!platform::status(LocalPath, st)) failLocal(connection, "Unable to open local directory: %s.\n", LocalPath);
+    if (st.kind != platform::Kind::Directory) failLocal(connection, "%s is not a directory: \n", LocalPath);
+    if (!ensureDirPackStream() || mz_stream_open(DirPackStream, LocalPath.c_str(), MZ_OPEN_MODE_READ) != MZ_OK)
+        failLocal(connection, "Unable to open local directory: %s.\n", LocalPath);
+    CurrentStream = DirPackStream;
+    announce(connection, kDirectionToDesktop, kObjectDirectory, 0, 0);
+}
+
+struct EventDeleter {
+    void operator()(xcb_generic_event_t* event) const { std::free(event); }
+};
+using EventPtr = std::unique_ptr<xcb_generic_event_t, EventDeleter>;
+
+void serveEvents(xcb_connection_t* connection) {
+    for (;;) {
+        xcb_flush(connection);
+        if (xcb_connection_has_error(connection)) return;
+        EventPtr event(xcb_wait_for_event(connection));
+        if (!event) return;
+        if (event->response_type != kGenericEvent) continue;
+        const auto buffer = genericEventBytes(event.get());
+        const auto header = decodeGenericEventHeader(buffer);
+        if (!header) continue;
+        if (header->extension != ExtensionInfo->major_opcode) {
+            logPrint(2, "Skipping gev->extension = %d.\n", header->extension);
+            continue;
+        }
+        logPrint(2, "gev->event_type = %d\n", header->eventType);
+        switch (header->eventType) {
+            case kTransferRequest: handleTransferRequest(connection, buffer); break;
+            default: break;  // not served: dropped without an answer
+        }
+    }
+}
+
+}  // namespace
+
 int runFileTransfer(xcb_connection_t* connection) {
-    const xcb_query_extension_reply_t* info = xcb_get_extension_data(connection, &FileTransferExtension);
-    if (!info) {
+    if (!findExtension(connection)) {
         logPrint(1, "X Server does not support the \"%s\" extension\n", kFileTransferExtensionName);
         return 0;
     }
-    // The transfer modes and the event loop arrive with the transfer handlers.
+    logPrint(2, "Sending request to Proxy/Desktop to start file transfer process.\n");
+    if (RunMode == RunModeGetDir || RunMode == RunModePutDir) UserHomeDir = commandLineHomeDirectory();
+
+    switch (RunMode) {
+        case RunModeNone: reportEnvironment(connection); break;
+        case RunModeGet: prepareGet(connection); break;
+        case RunModePut: preparePut(connection); break;
+        case RunModeOpen: prepareOpen(connection); break;
+        case RunModeGetDir: prepareGetDirectory(connection); break;
+        case RunModePutDir: preparePutDirectory(connection); break;
+        default:
+            logPrint(1, "Unsupported File Transfer mode\n");
+            endTransferProcess(connection);
+    }
+    serveEvents(connection);
     return 1;
 }

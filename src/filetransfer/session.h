@@ -5,4 +5,11 @@
 
 // Finds the extension, prepares the local side for RunMode, announces the run and serves the
 // far side's requests until the connection ends. 0 when the extension is missing, else 1.
+// Local errors of a command-line run end the process (exit status 0).
 int runFileTransfer(xcb_connection_t* connection);
+
+// Closes the current stream when it is open and clears CurrentStream in every case.
+void closeCurrentStream();
+
+// Ends the process with exit status 0 after writing out what is still queued for the far side.
+[[noreturn]] void endTransferProcess(xcb_connection_t* connection);

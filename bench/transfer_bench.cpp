@@ -1,0 +1,302 @@
+// Throughput of -put and -get through the loopback desktop on a Unix socket, beside the limit
+// of the same lockstep exchange between two minimal processes that touch no disk.
+//
+//   transfer_bench [--size MiB] [--dir DIR] [--runs N]
+//
+// Prints one table row per case: MB/s, the ratio to the limit, and for varoft its CPU time
+// (user + system) and peak resident set size. Rows for reading and writing the file alone show
+// what the local file system itself allows.
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "common/bytes.h"
+#include "x_server.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+constexpr std::size_t kChunk = 131072;
+
+struct Outcome {
+    bool ok = false;
+    double seconds = 0;
+    double cpuSeconds = 0;  // varoft's user + system time
+    double peakMiB = 0;     // varoft's peak resident set
+};
+
+// ---- the far side's messages -------------------------------------------------------------------
+
+std::vector<std::uint8_t> transferEvent(std::uint8_t direction, std::uint8_t kind, const std::string& a,
+                                        const std::string& b, const std::uint8_t* data, std::size_t length) {
+    std::vector<std::uint8_t> p;
+    bytes::Writer w(p);
+    w.u8(direction).u8(1).u8(0).u8(kind).u64(0);
+    w.u16(static_cast<std::uint16_t>(a.size())).u16(static_cast<std::uint16_t>(b.size()));
+    w.u32(static_cast<std::uint32_t>(length)).raw(a).raw(b);
+    if (length) w.raw(std::span<const std::uint8_t>(data, length));
+    return p;
+}
+
+// Kind byte and data length of a FileTransferReply request.
+bool replyKind(const loopback::Request& r, std::uint8_t& kind, std::uint32_t& dataLength) {
+    if (r.minor != 115 || r.bytes.size() < 24) return false;
+    kind = r.bytes[7];
+    dataLength = bytes::get32(r.bytes, 20);
+    return true;
+}
+
+// ---- varoft as a child ---------------------------------------------------------------------------
+
+pid_t spawn(const std::vector<std::string>& args) {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        const int devnull = ::open("/dev/null", O_RDWR);
+        ::dup2(devnull, 0);
+        ::dup2(devnull, 1);
+        ::dup2(devnull, 2);
+        std::vector<char*> argv;
+        for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        ::execv(argv[0], argv.data());
+        ::_exit(127);
+    }
+    return pid;
+}
+
+bool reap(pid_t pid, Outcome& out) {
+    int status = 0;
+    rusage usage{};
+    if (::wait4(pid, &status, 0, &usage) != pid) return false;
+    out.cpuSeconds = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+                     static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+    out.peakMiB = static_cast<double>(usage.ru_maxrss) / 1024.0;
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+Outcome runPut(const std::string& file, std::uint64_t size) {
+    Outcome out;
+    std::string error;
+    auto server = loopback::XServer::start({}, &error);
+    if (!server) {
+        std::fprintf(stderr, "bench: %s\n", error.c_str());
+        return out;
+    }
+    const pid_t pid = spawn({VAROFT_BINARY, "-display", server->displayName(), "-put", file});
+    bool ok = server->waitForClient(10s);
+    auto announce = ok ? server->nextRequest(10s) : std::nullopt;
+    std::uint8_t kind = 0;
+    std::uint32_t length = 0;
+    ok = announce && replyKind(*announce, kind, length) && kind == 10;
+    const auto ask = transferEvent(1, 5, "?", file, nullptr, 0);
+    std::uint64_t received = 0;
+    const auto start = Clock::now();
+    while (ok) {
+        if (!server->sendGenericEvent(90, ask)) break;
+        auto reply = server->nextRequest(30s);
+        if (!reply || !replyKind(*reply, kind, length)) break;
+        if (kind == 8) break;
+        received += length;
+    }
+    out.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    out.ok = reap(pid, out) && ok && received == size;
+    return out;
+}
+
+Outcome runGet(const std::string& target, std::uint64_t size) {
+    Outcome out;
+    std::string error;
+    auto server = loopback::XServer::start({}, &error);
+    if (!server) {
+        std::fprintf(stderr, "bench: %s\n", error.c_str());
+        return out;
+    }
+    ::unlink(target.c_str());
+    const pid_t pid = spawn({VAROFT_BINARY, "-display", server->displayName(), "-get", "remote.bin", target});
+    bool ok = server->waitForClient(10s);
+    auto announce = ok ? server->nextRequest(10s) : std::nullopt;
+    std::uint8_t kind = 0;
+    std::uint32_t length = 0;
+    ok = announce && replyKind(*announce, kind, length) && kind == 10;
+    std::vector<std::uint8_t> chunk(kChunk);
+    for (std::size_t i = 0; i < chunk.size(); ++i) chunk[i] = static_cast<std::uint8_t>(i * 131 + 7);
+    const auto start = Clock::now();
+    for (std::uint64_t sent = 0; ok && sent < size;) {
+        const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, size - sent));
+        ok = server->sendGenericEvent(90, transferEvent(2, 4, "remote.bin", target, chunk.data(), n));
+        auto reply = ok ? server->nextRequest(30s) : std::nullopt;
+        ok = reply && replyKind(*reply, kind, length) && kind == 5;
+        sent += n;
+    }
+    if (ok) server->sendGenericEvent(90, transferEvent(2, 8, "remote.bin", target, nullptr, 0));
+    out.ok = reap(pid, out) && ok;
+    out.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    struct stat st {};
+    out.ok = out.ok && ::stat(target.c_str(), &st) == 0 && static_cast<std::uint64_t>(st.st_size) == size;
+    ::unlink(target.c_str());
+    return out;
+}
+
+// ---- the limit: the same lockstep exchange between two minimal processes -----------------------
+
+bool sendAll(int fd, const std::uint8_t* data, std::size_t n) {
+    while (n) {
+        const ssize_t w = ::write(fd, data, n);
+        if (w <= 0) return false;
+        data += w;
+        n -= static_cast<std::size_t>(w);
+    }
+    return true;
+}
+
+bool readAll(int fd, std::uint8_t* data, std::size_t n) {
+    while (n) {
+        const ssize_t r = ::read(fd, data, n);
+        if (r <= 0) return false;
+        data += r;
+        n -= static_cast<std::size_t>(r);
+    }
+    return true;
+}
+
+// One side asks with `askSize` bytes, the other answers with `answerSize`, `rounds` times.
+Outcome runLimit(std::size_t askSize, std::size_t answerSize, std::uint64_t rounds) {
+    Outcome out;
+    int fds[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) return out;
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::close(fds[0]);
+        std::vector<std::uint8_t> ask(askSize), answer(answerSize, 0x5a);
+        for (std::uint64_t i = 0; i < rounds; ++i)
+            if (!readAll(fds[1], ask.data(), ask.size()) || !sendAll(fds[1], answer.data(), answer.size())) ::_exit(1);
+        ::_exit(0);
+    }
+    ::close(fds[1]);
+    std::vector<std::uint8_t> ask(askSize, 0xa5), answer(answerSize);
+    const auto start = Clock::now();
+    bool ok = true;
+    for (std::uint64_t i = 0; ok && i < rounds; ++i)
+        ok = sendAll(fds[0], ask.data(), ask.size()) && readAll(fds[0], answer.data(), answer.size());
+    out.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    ::close(fds[0]);
+    Outcome child;
+    out.ok = reap(pid, child) && ok;
+    return out;
+}
+
+// The local file system alone: the same file read, or written, in chunk-sized blocks.
+Outcome runDisk(const std::string& path, std::uint64_t size, bool write) {
+    Outcome out;
+    std::vector<std::uint8_t> block(kChunk, 0x33);
+    const int fd = write ? ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644) : ::open(path.c_str(), O_RDONLY);
+    if (fd < 0) return out;
+    const auto start = Clock::now();
+    bool ok = true;
+    for (std::uint64_t done = 0; ok && done < size;) {
+        const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, size - done));
+        ok = write ? sendAll(fd, block.data(), n) : readAll(fd, block.data(), n);
+        done += n;
+    }
+    ok = ::close(fd) == 0 && ok;
+    out.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    out.ok = ok;
+    if (write) ::unlink(path.c_str());
+    return out;
+}
+
+bool makeSource(const std::string& path, std::uint64_t size) {
+    struct stat st {};
+    if (::stat(path.c_str(), &st) == 0 && static_cast<std::uint64_t>(st.st_size) == size) return true;
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (fd < 0) return false;
+    std::vector<std::uint8_t> block(1 << 20);
+    std::uint32_t x = 12345;
+    bool ok = true;
+    for (std::uint64_t done = 0; ok && done < size;) {
+        for (auto& b : block) {
+            x = x * 1103515245u + 12345u;
+            b = static_cast<std::uint8_t>(x >> 16);
+        }
+        const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(block.size(), size - done));
+        ok = sendAll(fd, block.data(), n);
+        done += n;
+    }
+    return ::close(fd) == 0 && ok;
+}
+
+void row(const char* name, const Outcome& o, std::uint64_t size, double limitSeconds, bool isVaroft) {
+    const double mb = static_cast<double>(size) / 1e6;
+    if (!o.ok) {
+        std::printf("%-22s %10s\n", name, "FAILED");
+        return;
+    }
+    std::printf("%-22s %10.1f %8.2f", name, mb / o.seconds, limitSeconds / o.seconds);
+    if (isVaroft) std::printf(" %10.2f %10.1f", o.cpuSeconds, o.peakMiB);
+    std::printf("\n");
+}
+
+// The best (fastest) of several runs.
+template <typename F>
+Outcome best(int runs, F f) {
+    Outcome top;
+    for (int i = 0; i < runs; ++i) {
+        const Outcome o = f();
+        if (!o.ok) return o;
+        if (!top.ok || o.seconds < top.seconds) top = o;
+    }
+    return top;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::uint64_t mib = 1024;
+    std::string dir = "/tmp";
+    int runs = 1;
+    for (int i = 1; i + 1 < argc; i += 2) {
+        if (!std::strcmp(argv[i], "--size")) mib = std::strtoull(argv[i + 1], nullptr, 10);
+        else if (!std::strcmp(argv[i], "--dir")) dir = argv[i + 1];
+        else if (!std::strcmp(argv[i], "--runs")) runs = std::atoi(argv[i + 1]);
+    }
+    const std::uint64_t size = mib << 20;
+    const std::uint64_t rounds = (size + kChunk - 1) / kChunk;
+    const std::string source = dir + "/varoft-bench-source.bin";
+    const std::string target = dir + "/varoft-bench-target.bin";
+    if (!makeSource(source, size)) {
+        std::fprintf(stderr, "bench: cannot write %s\n", source.c_str());
+        return 1;
+    }
+
+    // -put: a small event asks, a chunk comes back. -get: a chunk goes out, a small reply comes back.
+    const Outcome putLimit = best(runs, [&] { return runLimit(32 + 24 + 64, 24 + kChunk, rounds); });
+    const Outcome getLimit = best(runs, [&] { return runLimit(32 + 24 + 64 + kChunk, 24 + 64, rounds); });
+    const Outcome readDisk = best(runs, [&] { return runDisk(source, size, false); });
+    const Outcome writeDisk = best(runs, [&] { return runDisk(target, size, true); });
+    const Outcome put = best(runs, [&] { return runPut(source, size); });
+    const Outcome get = best(runs, [&] { return runGet(target, size); });
+
+    std::printf("transfer of %llu MiB in %llu chunks of %zu bytes, best of %d\n",
+                static_cast<unsigned long long>(mib), static_cast<unsigned long long>(rounds), kChunk, runs);
+    std::printf("%-22s %10s %8s %10s %10s\n", "case", "MB/s", "ratio", "cpu s", "peak MiB");
+    row("limit (put exchange)", putLimit, size, putLimit.seconds, false);
+    row("local read alone", readDisk, size, putLimit.seconds, false);
+    row("varoft -put", put, size, putLimit.seconds, true);
+    row("limit (get exchange)", getLimit, size, getLimit.seconds, false);
+    row("local write alone", writeDisk, size, getLimit.seconds, false);
+    row("varoft -get", get, size, getLimit.seconds, true);
+    ::unlink(source.c_str());
+    return put.ok && get.ok && putLimit.ok && getLimit.ok ? 0 : 1;
+}

@@ -1,0 +1,18 @@
+// What the far side learns about this machine at the start of a session it drives: host name,
+// user name and the visible drives, and the default local directory offered to it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <xcb/xcb.h>
+
+// Fills UserHomeDir and UserName and sends the session start (reply kind 9).
+void reportEnvironment(xcb_connection_t* connection);
+
+// The drive list of the session start: each entry followed by its terminator.
+std::vector<std::uint8_t> driveList();
+
+// The home directory of the directory modes: USERPROFILE, else HOME, with no suffix.
+std::string commandLineHomeDirectory();
