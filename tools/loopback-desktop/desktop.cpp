@@ -298,14 +298,25 @@ void Desktop::receiveFromClient(const TransferReply& announce) {
 
 // Sends `data` as kind-4 events of at most chunkSize bytes, each answered by reply kind 5,
 // then a kind-8 event.
-bool Desktop::sendData(TransferEvent event, std::span<const std::uint8_t> data, const std::string& what) {
+bool Desktop::sendData(TransferEvent event, const ChunkSource& next, const std::string& what) {
     std::size_t chunks = 0;
-    for (std::size_t at = 0; at < data.size(); at += options_.chunkSize) {
-        const auto piece = data.subspan(at, std::min(options_.chunkSize, data.size() - at));
+    std::uint64_t total = 0;
+    std::vector<std::uint8_t> piece(options_.chunkSize);
+    for (;;) {
+        const std::optional<std::size_t> got = next(piece);
+        if (!got) {
+            say("cannot read " + what + "; aborting");
+            event.kind = 7;
+            event.data.clear();
+            sendEvent(event);
+            return false;
+        }
+        if (*got == 0) break;
         event.kind = 4;
-        event.data.assign(piece.begin(), piece.end());
+        event.data.assign(piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(*got));
         if (!sendEvent(event)) return false;
         ++chunks;
+        total += *got;
         auto reply = awaitReply("a chunk acknowledgement");
         if (!reply) return false;
         if (reply->kind != 5) {
@@ -319,28 +330,31 @@ bool Desktop::sendData(TransferEvent event, std::span<const std::uint8_t> data, 
     event.kind = 8;
     event.data.clear();
     if (!sendEvent(event)) return false;
-    say("sent " + what + " (" + std::to_string(data.size()) + " bytes in " + plural(chunks, "chunk") + ")");
+    say("sent " + what + " (" + std::to_string(total) + " bytes in " + plural(chunks, "chunk") + ")");
     return true;
 }
 
+// A desktop file goes out as it is read, one chunk at a time.
 void Desktop::sendFileToClient(const TransferReply& announce) {
     const fs::path source = options_.folder / insideFolder(announce.nameA);
     std::error_code ec;
-    std::vector<std::uint8_t> data;
-    File file(fs::is_regular_file(source, ec) ? std::fopen(source.c_str(), "rb") : nullptr);
-    if (file) {
-        std::uint8_t buffer[65536];
-        for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, file.get())) > 0;) data.insert(data.end(), buffer, buffer + n);
-    }
-    if (!file || std::ferror(file.get())) {
+    const bool regular = fs::is_regular_file(source, ec);
+    const std::uintmax_t size = regular ? fs::file_size(source, ec) : 0;
+    File file(regular && !ec ? std::fopen(source.c_str(), "rb") : nullptr);
+    if (!file) {
         say("no desktop file " + announce.nameA + ": aborting");
         sendEvent(echo(announce, 7));
         outcome_ = "missing";
         return;
     }
     TransferEvent event = echo(announce, 4);
-    event.size = data.size();
-    outcome_ = sendData(event, data, announce.nameA) ? "sent" : "failed";
+    event.size = size;
+    const ChunkSource read = [&](std::span<std::uint8_t> into) -> std::optional<std::size_t> {
+        const std::size_t n = std::fread(into.data(), 1, into.size(), file.get());
+        if (n == 0 && std::ferror(file.get())) return std::nullopt;
+        return n;
+    };
+    outcome_ = sendData(event, read, announce.nameA) ? "sent" : "failed";
 }
 
 void Desktop::sendDirectoryToClient(const TransferReply& announce) {
@@ -357,7 +371,14 @@ void Desktop::sendDirectoryToClient(const TransferReply& announce) {
         ", " + zipMethodName(options_.zipMethod));
     TransferEvent event = echo(announce, 4);
     event.size = packed.bytes.size();
-    outcome_ = sendData(event, packed.bytes, announce.nameA + " as zip") ? "sent" : "failed";
+    std::size_t at = 0;
+    const ChunkSource read = [&](std::span<std::uint8_t> into) -> std::optional<std::size_t> {
+        const std::size_t n = std::min(into.size(), packed.bytes.size() - at);
+        std::copy_n(packed.bytes.begin() + static_cast<std::ptrdiff_t>(at), n, into.begin());
+        at += n;
+        return n;
+    };
+    outcome_ = sendData(event, read, announce.nameA + " as zip") ? "sent" : "failed";
 }
 
 void Desktop::onPrint(const Request& request) {

@@ -73,7 +73,9 @@ private:
     void receiveFromClient(const TransferReply& announce);
     void sendFileToClient(const TransferReply& announce);
     void sendDirectoryToClient(const TransferReply& announce);
-    bool sendData(TransferEvent event, std::span<const std::uint8_t> data, const std::string& what);
+    // Fills the span and says how much it filled (0 at the end), nullopt on a read error.
+    using ChunkSource = std::function<std::optional<std::size_t>(std::span<std::uint8_t>)>;
+    bool sendData(TransferEvent event, const ChunkSource& next, const std::string& what);
     std::optional<TransferReply> awaitReply(const char* waitingFor);
     bool awaitStatus(const char* waitingFor);  // true for a status of success
 
