@@ -341,3 +341,22 @@ TEST(DesktopFlows, ClientsAreServedOneAfterTheOther) {
     EXPECT_EQ(testsupport::readFile(h.desktopFolder() / "print" / "p.txt"), "ok");
     EXPECT_NE(h.log().find("client 2 waits until client 1 is done"), std::string::npos) << h.log();
 }
+
+TEST(DesktopFlows, StartEventBeforeTheDataWhenAsked) {
+    DesktopOptions options;
+    options.sendStart = true;
+    Harness h(options);
+    testsupport::writeFile(h.desktopFolder() / "f.txt", "data");
+    h.reply(2, 1, 0, 10, 0, "f.txt", "/tmp/f.txt");
+    std::vector<std::uint8_t> kinds;
+    for (;;) {
+        auto e = h.next();
+        ASSERT_TRUE(e);
+        kinds.push_back(e->kind);
+        if (e->kind == 0) h.reply(2, 1, 0, 1, 0, "f.txt", "/tmp/f.txt");       // exists
+        else if (e->kind == 2) h.reply(2, 1, 0, 3, 0, "f.txt", "/tmp/f.txt");  // opened
+        else if (e->kind == 4) h.reply(2, 1, 0, 5, 0, "f.txt", "/tmp/f.txt");
+        else break;
+    }
+    EXPECT_EQ(kinds, (std::vector<std::uint8_t>{0, 2, 4, 8}));
+}

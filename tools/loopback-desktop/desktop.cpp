@@ -184,9 +184,26 @@ void Desktop::onReply(const TransferReply& reply) {
         outcome_ = "refused";
         return;
     }
+    if (options_.sendStart && !startFirst(reply)) return;
     if (toDesktop) receiveFromClient(reply);
     else if (reply.objectType == kObjectDirectory) sendDirectoryToClient(reply);
     else sendFileToClient(reply);
+}
+
+// The other order a far side might use: a kind-0 start before the data, answered by reply 3
+// (or reply 1 for a target that exists, then kind 2 to replace it).
+bool Desktop::startFirst(const TransferReply& announce) {
+    if (!sendEvent(echo(announce, 0))) return false;
+    auto reply = awaitReply("the answer to the start");
+    if (reply && reply->kind == 1) {
+        say("client's " + announce.nameB + " exists: replacing it");
+        if (!sendEvent(echo(announce, 2))) return false;
+        reply = awaitReply("the answer to the replace");
+    }
+    if (reply && reply->kind == 3) return true;
+    if (reply) say("unexpected reply to the start: " + transferKindName(reply->kind));
+    outcome_ = "failed";
+    return false;
 }
 
 TransferEvent Desktop::echo(const TransferReply& reply, std::uint8_t kind) const {

@@ -24,6 +24,7 @@ struct DesktopOptions {
     std::size_t chunkSize = 131072;            // data bytes per kind-4 event
     ZipMethod zipMethod = ZipMethod::Deflate;  // for directories the desktop sends
     std::uint8_t refusal = 0;                  // 13..17: answer every announced transfer with it
+    bool sendStart = false;                    // send a kind-0 start before the data of an announced transfer
     std::uint8_t printCode = 0;                // the answer to every print request
     std::string printReason;
     // Steps run after a session start (see runScriptStep); empty: the desktop waits.
@@ -70,6 +71,7 @@ private:
     TransferEvent echo(const TransferReply& reply, std::uint8_t kind) const;
     std::filesystem::path desktopPath(const std::string& remoteName, const std::string& localPath) const;
 
+    bool startFirst(const TransferReply& announce);
     void receiveFromClient(const TransferReply& announce);
     void sendFileToClient(const TransferReply& announce);
     void sendDirectoryToClient(const TransferReply& announce);
