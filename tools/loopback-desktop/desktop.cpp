@@ -94,6 +94,7 @@ bool Desktop::serveClient(std::chrono::milliseconds waitForRequest) {
     session_.reset();
     printing_ = false;
     say("serving client " + std::to_string(client_));
+    if (options_.trace) trace(*first);
     dispatch(*first);
     while (auto request = nextFromClient()) dispatch(*request);
     if (printing_) say("print job " + printName_ + " left unfinished (" + std::to_string(printData_.size()) + " bytes)");
@@ -108,11 +109,15 @@ std::optional<Request> Desktop::nextFromClient() {
         if (mine != backlog_.end()) {
             Request r = std::move(*mine);
             backlog_.erase(mine);
+            if (options_.trace) trace(r);
             return r;
         }
         auto r = server_.nextRequest(100ms);
         if (r) {
-            if (r->client == client_) return r;
+            if (r->client == client_) {
+                if (options_.trace) trace(*r);
+                return r;
+            }
             if (server_.isConnected(client_) &&
                 std::none_of(backlog_.begin(), backlog_.end(), [&](const Request& b) { return b.client == r->client; }))
                 say("client " + std::to_string(r->client) + " waits until client " + std::to_string(client_) + " is done");
@@ -219,7 +224,39 @@ TransferEvent Desktop::echo(const TransferReply& reply, std::uint8_t kind) const
 }
 
 bool Desktop::sendEvent(const TransferEvent& event) {
+    if (options_.trace) {
+        say("-> TransferRequest kind " + std::to_string(event.kind) + " (" + transferKindName(event.kind) + "), " +
+            describe(event.direction, event.objectType, event.nameA, event.nameB, event.data.size()));
+    }
     return server_.sendGenericEventTo(client_, kTransferRequest, encodeTransferEvent(event));
+}
+
+void Desktop::trace(const Request& request) {
+    std::string line;
+    if (request.major == server_.printOpcode()) {
+        const auto chunk = decodePrintChunk(request.bytes);
+        line = chunk ? std::string(chunk->begin ? "sendFileBegin " + chunk->name : "sendFileContinue") + ", " +
+                           std::to_string(chunk->data.size()) + " bytes, more " + std::to_string(chunk->more)
+                     : "malformed print request";
+    } else if (request.minor == kFileTransferReply) {
+        const auto r = decodeTransferReply(request.bytes);
+        line = r ? "FileTransferReply kind " + std::to_string(r->kind) + " (" + transferKindName(r->kind) + "), " +
+                       describe(r->direction, r->objectType, r->nameA, r->nameB, r->block.size())
+                 : "malformed FileTransferReply";
+    } else if (request.minor == kFileTransferStatus) {
+        line = "FileTransferStatus";
+    } else if (request.minor == kFileListItem) {
+        line = "FileListItem";
+    } else {
+        line = "request " + std::to_string(request.minor);
+    }
+    say("<- " + line + (request.big ? " (big request)" : ""));
+}
+
+std::string Desktop::describe(std::uint8_t direction, std::uint8_t objectType, const std::string& a, const std::string& b,
+                              std::size_t dataBytes) {
+    return "direction " + std::to_string(direction) + ", object " + std::to_string(objectType) + ", A \"" + a +
+           "\", B \"" + b + "\"" + (dataBytes ? ", " + std::to_string(dataBytes) + " data bytes" : "");
 }
 
 fs::path Desktop::desktopPath(const std::string& remoteName, const std::string& localPath) const {

@@ -29,6 +29,7 @@ struct DesktopOptions {
     std::string printReason;
     // Steps run after a session start (see runScriptStep); empty: the desktop waits.
     std::vector<std::string> script;
+    bool trace = false;  // also a line for every request received and every event sent
     // Each readable line of what happens ("stored report.pdf (1048576 bytes)").
     std::function<void(const std::string&)> log;
 };
@@ -68,6 +69,9 @@ private:
     void onReply(const TransferReply& reply);
     void onPrint(const Request& request);
     bool sendEvent(const TransferEvent& event);
+    void trace(const Request& request);
+    static std::string describe(std::uint8_t direction, std::uint8_t objectType, const std::string& a,
+                                const std::string& b, std::size_t dataBytes);
     TransferEvent echo(const TransferReply& reply, std::uint8_t kind) const;
     std::filesystem::path desktopPath(const std::string& remoteName, const std::string& localPath) const;
 
