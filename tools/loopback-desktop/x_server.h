@@ -13,6 +13,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -118,6 +119,7 @@ private:
     Connection* findClient(std::uint32_t id) const;
     Connection* current() const;
     bool enqueue(Connection* c, std::span<const std::uint8_t> bytes);
+    bool enqueueParts(Connection* c, std::initializer_list<std::span<const std::uint8_t>> parts);
     bool queueGenericEvent(Connection* c, std::uint16_t eventType, std::span<const std::uint8_t> extra,
                            std::span<const std::uint8_t> header22);
 
