@@ -116,6 +116,10 @@ private:
     int fd_ = -1;
 };
 
+// Reads from the process's standard input, which stays open for the whole run: byte count,
+// 0 at its end, -1 on failure.
+std::int64_t readStandardInput(std::span<std::uint8_t> into);
+
 // ---- process and environment ----------------------------------------------------------------
 
 // The value of an environment variable, or nullptr when it is not set.

@@ -247,6 +247,14 @@ bool File::close() {
     return rc == 0;
 }
 
+std::int64_t readStandardInput(std::span<std::uint8_t> into) {
+    for (;;) {
+        const ssize_t n = ::read(STDIN_FILENO, into.data(), into.size());
+        if (n >= 0) return n;
+        if (errno != EINTR) return -1;
+    }
+}
+
 // ---- process and environment ----------------------------------------------------------------
 
 const char* environment(const char* name) { return std::getenv(name); }

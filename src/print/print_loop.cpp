@@ -2,10 +2,136 @@
 
 #include <xcb/xcbext.h>
 
+#include <memory>
+#include <new>
+#include <span>
+
+#include "app/log.h"
+#include "app/state.h"
+#include "platform/platform.h"
+#include "print/classify.h"
+#include "print/requests.h"
+
 xcb_extension_t ThinPrintExtension = {kThinPrintExtensionName, 0};
 
+namespace {
+
+// A local file or standard input, read a whole chunk at a time as fread does: a chunk comes up
+// short only at the end of the data or on a read error.
+struct ChunkSource {
+    platform::File file;
+    bool standardInput = false;
+    bool atEnd = false;
+    bool failed = false;
+
+    std::size_t fill(std::span<std::uint8_t> buffer) {
+        std::size_t got = 0;
+        while (got < buffer.size()) {
+            const auto rest = buffer.subspan(got);
+            const std::int64_t n = standardInput ? platform::readStandardInput(rest) : file.read(rest);
+            if (n < 0) {
+                failed = true;
+                break;
+            }
+            if (n == 0) {
+                atEnd = true;
+                break;
+            }
+            got += static_cast<std::size_t>(n);
+        }
+        return got;
+    }
+};
+
+// Streams the open source: the name with the first chunk, then the rest; an exact multiple of
+// the chunk size ends with an empty chunk, since the end is only seen by a read that finds nothing.
+int sendChunks(xcb_connection_t* connection, const std::string& name, ChunkSource& source,
+               std::uint32_t& moreFilesAccepted) {
+    moreFilesAccepted = 1;
+    const std::unique_ptr<std::uint8_t[]> storage(new (std::nothrow) std::uint8_t[kPrintChunkSize]);
+    if (!storage) return 0;
+    const std::span<std::uint8_t> buffer(storage.get(), kPrintChunkSize);
+
+    std::size_t got = source.fill(buffer);
+    if (source.failed) return 0;
+    if (!sendFileBegin(connection, name.c_str(), buffer.first(got), source.atEnd ? 0 : 1, moreFilesAccepted))
+        return 0;
+    while (!source.atEnd) {
+        got = source.fill(buffer);
+        const bool last = source.atEnd || source.failed;
+        if (!sendFileContinue(connection, buffer.first(got), last ? 0 : 1, moreFilesAccepted)) return 0;
+        if (last) break;
+    }
+    return 1;
+}
+
+}  // namespace
+
+std::string remotePrintName(std::string_view path) {
+    const auto slash = path.rfind('/');
+    return std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
+}
+
+std::string standardInputPrintName(const char* suffix, const char* prefix, std::uint32_t processId,
+                                   std::int64_t time) {
+    const std::string tail = suffix ? suffix : "";
+    if (prefix) return prefix + tail;
+    return "stdin" + std::to_string(processId) + std::to_string(time) + tail;
+}
+
+int sendPrintFile(xcb_connection_t* connection, const char* path, std::uint32_t& moreFilesAccepted,
+                  const char* suffix, const char* prefix) {
+    if (!connection) return 0;
+    ChunkSource source;
+    std::string name;
+    if (path) {
+        name = remotePrintName(path);
+        if (name.empty()) return 0;
+        logPrint(3, "Using filename: %s\n", name.c_str());
+        const bool opened = source.file.open(path, platform::OpenMode::Read);
+        logPrint(3, "fopened %s\n", path);
+        if (!opened) {
+            logPrint(1, "Could not open file: \"%s\"\n", name.c_str());
+            return 0;
+        }
+    } else {
+        name = standardInputPrintName(suffix, prefix, platform::processId(), platform::currentTime());
+        source.standardInput = true;
+        logPrint(3, "Using stdin\n");
+    }
+    return sendChunks(connection, name, source, moreFilesAccepted);
+}
+
 void runPrintLoop(xcb_connection_t* connection, const std::vector<std::string>& files) {
-    // Sending arrives with the print requests; until then the list is only validated upstream.
-    (void)connection;
-    (void)files;
+    for (const std::string& file : files) {
+        const char* path = file.c_str();
+        logPrint(2, "Sending file %s\n", path);
+        // Each check looks at the file afresh.
+        if (platform::isDirectory(file)) {
+            logPrint(1, "\"%s\" is a directory, cannot send.\n", path);
+            continue;
+        }
+        if (!platform::exists(file)) {
+            logPrint(1, "\"%s\" file not found\n", path);
+            continue;
+        }
+        platform::Status st;
+        if (!platform::status(file, st) || st.kind != platform::Kind::Regular) {
+            logPrint(1, "\"%s\" is not a regular file, cannot send\n", path);
+            continue;
+        }
+        if (classifyPrintFile(file) == 'b') {
+            logPrint(1, "\"%s\" is not a plain text or Postscript file and cannot be printed.\n", path);
+            continue;
+        }
+        if (sendPrintFile(connection, path, MoreFilesAccepted, nullptr, nullptr)) {
+            logPrint(2, "File successfully sent\n");
+            continue;
+        }
+        logPrint(1, "Error while sending file \"%s\"\n", path);
+        if (MoreFilesAccepted == 0) {
+            logPrint(1, "X Server will not accept more files\n");
+            break;
+        }
+    }
 }

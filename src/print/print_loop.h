@@ -1,7 +1,10 @@
 // Print mode: hands every file of the list to the far side's print service.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <xcb/xcb.h>
@@ -10,5 +13,21 @@
 extern xcb_extension_t ThinPrintExtension;
 inline constexpr const char* kThinPrintExtensionName = "QRV_ThinPrint12";
 
+// Bytes of a file carried by one request.
+inline constexpr std::size_t kPrintChunkSize = 60000;
+
 // Sends the files in order; stops early when the far side takes no more files.
 void runPrintLoop(xcb_connection_t* connection, const std::vector<std::string>& files);
+
+// Sends one file (standard input when `path` is null) in chunks of kPrintChunkSize bytes.
+// `moreFilesAccepted` is set to 1 once the source is open and cleared when the far side wants
+// no more files. Standard input travels as prefix + suffix, or "stdin" + process id + time +
+// suffix without a prefix. 1 on success, 0 on any failure.
+int sendPrintFile(xcb_connection_t* connection, const char* path, std::uint32_t& moreFilesAccepted,
+                  const char* suffix, const char* prefix);
+
+// The name a local file travels under: the part after its last '/'.
+std::string remotePrintName(std::string_view path);
+// The name standard input travels under.
+std::string standardInputPrintName(const char* suffix, const char* prefix, std::uint32_t processId,
+                                   std::int64_t time);

@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <thread>
 
 using namespace std::chrono_literals;
 using loopback::ServerOptions;
@@ -558,4 +559,47 @@ TEST(XServerGarbage, BadBytesGiveAnErrorOrAClose) {
     EXPECT_TRUE(stillServes());
     // Vendor requests among the junk are queued whole; none is malformed in length.
     while (auto r = server->nextRequest(0ms)) EXPECT_EQ(r->bytes.size() % 4, 0u);
+}
+
+// Idle connections beyond what the server keeps are closed at once; when they go, others are
+// served again.
+TEST(XServerGarbage, ConnectionFloodIsBounded) {
+    auto server = startServer();
+    ASSERT_TRUE(server);
+    std::vector<std::unique_ptr<RawClient>> idle;
+    for (int i = 0; i < 64; ++i) idle.push_back(std::make_unique<RawClient>(server->display()));
+    // Every kept connection still completes a handshake once it speaks.
+    ASSERT_TRUE(idle.front()->handshake());
+    RawClient extra(server->display());
+    ASSERT_TRUE(extra.connected());
+    EXPECT_TRUE(extra.closedByServer());
+    idle.clear();
+    for (int attempt = 0; attempt < 100; ++attempt) {  // until the server has seen them go
+        auto c = connect(server->displayName());
+        if (xcb_connection_has_error(c.get()) == 0) {
+            EXPECT_TRUE(roundTrip(c.get()));
+            return;
+        }
+        std::this_thread::sleep_for(20ms);
+    }
+    ADD_FAILURE() << "no client served after the flood";
+}
+
+// A client that connects, sends and leaves before anyone looks is still reported, once, and
+// what it sent is still there to be read.
+TEST(XServerEvents, QuickClientIsReportedOnce) {
+    auto server = startServer();
+    ASSERT_TRUE(server);
+    {
+        auto c = connect(server->displayName());
+        sendRequest(c.get(), &fileTransferExtension, 119, statusBody("bye"), true, false);
+        EXPECT_TRUE(roundTrip(c.get()));
+    }
+    auto r = server->nextRequest(5s);
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->client, server->lastClient());
+    for (int i = 0; i < 500 && server->clientConnected(); ++i) std::this_thread::sleep_for(10ms);
+    EXPECT_FALSE(server->clientConnected());
+    EXPECT_TRUE(server->waitForClient(0ms));
+    EXPECT_FALSE(server->waitForClient(50ms));
 }

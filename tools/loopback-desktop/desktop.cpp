@@ -80,8 +80,7 @@ bool Desktop::serveClient(std::chrono::milliseconds waitForClient) {
     while (!server_.waitForClient(100ms)) {
         if (stopping_ || std::chrono::steady_clock::now() >= deadline) return false;
     }
-    client_ = server_.currentClient();
-    if (client_ == 0) return false;
+    client_ = server_.lastClient();  // perhaps gone already; what it sent is still queued
     session_.reset();
     printing_ = false;
     say("client " + std::to_string(client_) + " connected");
@@ -387,8 +386,9 @@ bool Desktop::runScriptStep(const std::string& line) {
     const std::string& verb = words[0];
     say("script: " + line);
     if (verb == "list") return scriptList(words.size() > 1 ? words[1] : "");
-    if (verb == "fetch" && words.size() == 2) return scriptFetch(words[1], false);
-    if (verb == "fetchdir" && words.size() == 2) return scriptFetch(words[1], true);
+    if (verb == "fetch" && words.size() == 2) return scriptFetch(words[1], kObjectFile);
+    if (verb == "move" && words.size() == 2) return scriptFetch(words[1], kObjectMove);
+    if (verb == "fetchdir" && words.size() == 2) return scriptFetch(words[1], kObjectDirectory);
     if ((verb == "store" || verb == "storedir") && (words.size() == 2 || words.size() == 3))
         return scriptStore(words[1], words.size() == 3 ? words[2] : baseName(words[1]), verb == "storedir");
     if (verb == "delete" && words.size() == 2) return scriptSimple(kDeleteFileRequest, encodeDeleteFile(words[1]), "delete");
@@ -426,10 +426,10 @@ bool Desktop::scriptList(const std::string& path) {
     return false;
 }
 
-bool Desktop::scriptFetch(const std::string& local, bool directory) {
+bool Desktop::scriptFetch(const std::string& local, std::uint8_t objectType) {
     TransferReply start;  // the fields the desktop announces, echoed from here on
     start.direction = kToDesktop;
-    start.objectType = directory ? kObjectDirectory : kObjectFile;
+    start.objectType = objectType;
     start.nameA = baseName(local);
     start.nameB = local;
     if (!sendEvent(echo(start, 0))) return false;

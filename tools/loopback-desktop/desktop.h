@@ -51,9 +51,11 @@ public:
     // The outcome of the last transfer: "stored", "sent", "missing", "refused", "failed", ...
     const std::string& lastOutcome() const { return outcome_; }
 
-    // One scripted step of a session: "list PATH", "fetch LOCAL", "fetchdir LOCAL",
-    // "store LOCAL [NAME]", "storedir LOCAL [NAME]", "delete PATH", "rename OLD NEW", "close".
-    // False when the step failed or the client went away.
+    // One scripted step of a session: "list PATH", "fetch LOCAL", "move LOCAL" (a fetch after
+    // which the client removes its file), "fetchdir LOCAL", "store LOCAL [NAME]",
+    // "storedir LOCAL [NAME]", "delete PATH", "rename OLD NEW", "close". Fetched things are kept
+    // in the folder under their base names, stored ones come from the folder (NAME defaults to
+    // the base name of LOCAL). False when the step failed or the client went away.
     bool runScriptStep(const std::string& line);
 
 private:
@@ -73,7 +75,7 @@ private:
     std::optional<TransferReply> awaitReply(const char* waitingFor);
 
     bool scriptList(const std::string& path);
-    bool scriptFetch(const std::string& local, bool directory);
+    bool scriptFetch(const std::string& local, std::uint8_t objectType);
     bool scriptStore(const std::string& local, const std::string& name, bool directory);
     bool scriptSimple(std::uint16_t eventType, std::span<const std::uint8_t> payload, const std::string& what);
 

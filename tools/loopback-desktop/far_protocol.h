@@ -29,6 +29,7 @@ inline constexpr std::uint8_t kToDesktop = 1;    // from the client's machine to
 inline constexpr std::uint8_t kFromDesktop = 2;  // from the desktop to the client's machine
 inline constexpr std::uint8_t kObjectOpen = 0;
 inline constexpr std::uint8_t kObjectFile = 1;
+inline constexpr std::uint8_t kObjectMove = 2;  // a file the client removes once it is sent
 inline constexpr std::uint8_t kObjectDirectory = 6;
 
 // FileTransferReply (115). `block` is block C: the data of a kind-4 reply, the drive list of

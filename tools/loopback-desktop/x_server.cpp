@@ -32,6 +32,7 @@ constexpr std::size_t kReadChunk = 65536;
 // drop it when it has far more.
 constexpr std::size_t kOutputBackpressure = 1u << 20;
 constexpr std::size_t kOutputLimit = 64u << 20;
+constexpr std::size_t kMaxConnections = 64;
 constexpr auto kCloseGrace = std::chrono::seconds(5);
 
 constexpr std::string_view kFileTransferName = "QRV_ThinFileTransfer12";
@@ -410,9 +411,10 @@ void XServer::run() {
 void XServer::acceptFrom(int listenFd) {
     Fd fd(::accept4(listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!fd.valid()) return;
+    std::lock_guard lock(mutex_);
+    if (connections_.size() >= kMaxConnections) return;  // closed again at once
     auto c = std::make_unique<Connection>();
     c->fd = std::move(fd);
-    std::lock_guard lock(mutex_);
     c->id = nextId_++;
     connections_.push_back(std::move(c));
 }
@@ -512,6 +514,7 @@ bool XServer::processSetup(Connection& c) {
     c.out.insert(c.out.end(), accepted.begin(), accepted.end());
     c.ready = true;
     ++accepted_;
+    lastClient_ = c.id;
     changed_.notify_all();
     return true;
 }
@@ -651,7 +654,14 @@ bool XServer::enqueue(Connection* c, std::span<const std::uint8_t> data) {
 
 bool XServer::waitForClient(std::chrono::milliseconds timeout) {
     std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, timeout, [&] { return current() != nullptr; });
+    if (!changed_.wait_for(lock, timeout, [&] { return current() != nullptr || accepted_ > reported_; })) return false;
+    reported_ = accepted_;
+    return true;
+}
+
+std::uint32_t XServer::lastClient() const {
+    std::lock_guard lock(mutex_);
+    return lastClient_;
 }
 
 bool XServer::waitForDisconnect(std::chrono::milliseconds timeout) {

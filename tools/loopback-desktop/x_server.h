@@ -64,8 +64,9 @@ public:
     std::uint8_t fileTransferOpcode() const { return kFileTransferOpcode; }
     std::uint8_t printOpcode() const { return kPrintOpcode; }
 
-    // True once a client has finished the handshake and is still connected (waits up to
-    // `timeout` for one).
+    // True when a client is connected, or when one finished the handshake since the last call
+    // (even if it has gone again since: a quick client may connect, send and leave before the
+    // caller looks). Waits up to `timeout` for either.
     bool waitForClient(std::chrono::milliseconds timeout);
     // The next vendor request of any client, in the order read; nullopt after `timeout`.
     std::optional<Request> nextRequest(std::chrono::milliseconds timeout);
@@ -75,6 +76,8 @@ public:
     std::uint32_t currentClient() const;
     // Whether the client with this id is still connected (and not being closed).
     bool isConnected(std::uint32_t client) const;
+    // Id of the client that finished the handshake last (connected or not), 0 before any.
+    std::uint32_t lastClient() const;
     // Number of clients that have finished the handshake so far.
     std::uint32_t clientsAccepted() const;
     // Waits until the current client has gone away (or none is connected).
@@ -127,6 +130,8 @@ private:
     std::deque<Request> requests_;
     std::uint32_t nextId_ = 1;
     std::uint32_t accepted_ = 0;
+    std::uint32_t reported_ = 0;  // accepted_ as of the last successful waitForClient
+    std::uint32_t lastClient_ = 0;
 };
 
 }  // namespace loopback
