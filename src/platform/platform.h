@@ -53,6 +53,10 @@ bool makeDirectory(const std::string& path);    // one level; fails when it exis
 bool renameNoReplace(const std::string& from, const std::string& to);
 // The error code that makeDirectory/renameNoReplace report for an existing target.
 int existsErrorCode();
+// The error codes for a path that does not exist and for an operation that is not allowed;
+// callers that refuse a request themselves set one of them before reporting the failure.
+int missingErrorCode();
+int deniedErrorCode();
 
 // ---- directory listing ----------------------------------------------------------------------
 

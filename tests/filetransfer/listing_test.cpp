@@ -1,0 +1,169 @@
+// The pieces of browsing that need no connection: the FileListItem bytes, where a request leads
+// from the current browsing directory, item names, and decoding of the three browsing events
+// when their lengths lie.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "common/bytes.h"
+#include "filetransfer/delete_rename.h"
+#include "filetransfer/listing.h"
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+// An event as libxcb delivers it: 32 header bytes, the full sequence, then the payload.
+Bytes eventWith(const Bytes& payload) {
+    Bytes event(36 + payload.size() + bytes::pad4(payload.size()), 0);
+    event[0] = 35;
+    std::copy(payload.begin(), payload.end(), event.begin() + 36);
+    return event;
+}
+
+Bytes lengthsAndText(std::uint16_t first, std::uint16_t second, std::string_view text) {
+    Bytes p;
+    bytes::Writer(p).u16(first).u16(second).raw(text);
+    return p;
+}
+
+// ---- FileListItem ----------------------------------------------------------------------------
+
+TEST(FileListItem, FieldsSitAtTheirOffsetsAndTheNameIsPadded) {
+    for (const std::string name : {"", "a", "abcd", "12345_x.txt"}) {
+        SCOPED_TRACE(name);
+        const auto out = encodeFileListItem(0x91, {0x0123456789ABCDEFull, 't', name});
+        ASSERT_EQ(out.size() % 4, 0u);
+        EXPECT_EQ(out.size(), 24 + name.size() + (4 - name.size() % 4) % 4);
+        EXPECT_EQ(out[0], 0x91);
+        EXPECT_EQ(out[1], 116);
+        EXPECT_EQ(bytes::get16(out, 2), out.size() / 4);
+        EXPECT_EQ(bytes::get32(out, 4), name.size());
+        EXPECT_EQ(bytes::get64(out, 8), 0x0123456789ABCDEFull);
+        EXPECT_EQ(out[16], 't');
+        for (std::size_t i = 17; i < 24; ++i) EXPECT_EQ(out[i], 0) << i;
+        EXPECT_EQ(std::string(out.begin() + 24, out.begin() + 24 + static_cast<std::ptrdiff_t>(name.size())), name);
+        for (std::size_t i = 24 + name.size(); i < out.size(); ++i) EXPECT_EQ(out[i], 0) << i;
+    }
+}
+
+TEST(FileListItem, SizesAbove4GiBAreCarriedWhole) {
+    const auto fixed = encodeFileListItemFixed({(5ull << 30) + 7, 'b', "x"});
+    EXPECT_EQ(bytes::get64(fixed, 8), (5ull << 30) + 7);
+    EXPECT_EQ(bytes::get32(fixed, 0), 0u);  // opcodes and length are libxcb's
+}
+
+// ---- the next browsing directory ---------------------------------------------------------------
+
+struct Step {
+    std::optional<std::string> current;
+    std::string request;
+    std::string expected;
+};
+
+TEST(BrowsingDirectory, EachRuleInItsOrder) {
+    const std::string start = "/home/me/Documents";
+    const std::vector<Step> steps = {
+        // empty request: the starting directory, whatever was browsed before
+        {std::nullopt, "", start},
+        {"/srv", "", start},
+        // nothing browsed yet, or the request is the browsing directory: as it stands
+        {std::nullopt, "relative/dir", "relative/dir"},
+        {std::nullopt, "..", ".."},
+        {"/srv/data", "/srv/data", "/srv/data"},
+        {"docs", "docs", "docs"},
+        // "..": cut at the last '/'
+        {"/home/me", "..", "/home"},
+        {"/home", "..", "/"},
+        {"/", "..", "/"},
+        {"/home/me/", "..", "/home/me"},
+        {"docs", "..", "docs"},
+        // absolute requests and drive paths as they stand
+        {"/home", "/etc", "/etc"},
+        {"/home", "/home/me", "/home/me"},
+        {"/home", "D:", "D:"},
+        {"/home", "D:\\data", "D:\\data"},
+        // relative names
+        {"/home", "me", "/home/me"},
+        {"/", "home", "/home"},
+        {"", "home", "/home"},
+        {"/home", "me/Documents", "/home/me/Documents"},
+        {"/home", "...", "/home/..."},
+        {"/home", ".hidden", "/home/.hidden"},
+    };
+    for (const auto& s : steps) {
+        SCOPED_TRACE((s.current ? "\"" + *s.current + "\"" : std::string("none")) + " + \"" + s.request + "\"");
+        EXPECT_EQ(nextBrowsingDirectory(s.current, s.request, start), s.expected);
+    }
+}
+
+TEST(BrowsingDirectory, PatternAndRoot) {
+    EXPECT_EQ(searchPattern("/home/me"), "/home/me/*");
+    EXPECT_EQ(searchPattern("/"), "//*");
+    EXPECT_EQ(searchPattern(""), "/*");
+    EXPECT_TRUE(listsRoot("/"));
+    EXPECT_TRUE(listsRoot("//"));
+    EXPECT_TRUE(listsRoot(""));
+    EXPECT_FALSE(listsRoot("/home"));
+    EXPECT_FALSE(listsRoot("C:"));
+}
+
+TEST(BrowsingDirectory, ItemNamesCarryTheTimeAndAtMost259BytesOfTheName) {
+    EXPECT_EQ(entryItemName(0, "a.txt"), "0_a.txt");
+    EXPECT_EQ(entryItemName(1700000000, "r\xC3\xA9sum\xC3\xA9.txt"), "1700000000_r\xC3\xA9sum\xC3\xA9.txt");
+    // Times before 1970 come out as the unsigned value of the difference.
+    EXPECT_EQ(entryItemName(-1, "old"), "18446744073709551615_old");
+    const std::string at(259, 'n');
+    EXPECT_EQ(entryItemName(5, at), "5_" + at);
+    EXPECT_EQ(entryItemName(5, at + "x"), "5_" + at);
+    EXPECT_EQ(entryItemName(5, std::string(300, 'n')), "5_" + at);
+}
+
+// ---- decoding the events ---------------------------------------------------------------------
+
+TEST(BrowsingEvents, ListingPathIsBoundedByTheEvent) {
+    std::string_view path;
+    EXPECT_TRUE(decodeListDirectoryRequest(eventWith(lengthsAndText(4, 0, "/tmp")), path));
+    EXPECT_EQ(path, "/tmp");
+    EXPECT_TRUE(decodeListDirectoryRequest(eventWith(lengthsAndText(0, 0, "")), path));
+    EXPECT_EQ(path, "");
+    // Stops at a NUL byte, as a C string would.
+    EXPECT_TRUE(decodeListDirectoryRequest(eventWith(lengthsAndText(6, 0, std::string_view("/a\0bcd", 6))), path));
+    EXPECT_EQ(path, "/a");
+    // The padding of the event counts as part of it: "/tm" has one padding byte after it.
+    EXPECT_TRUE(decodeListDirectoryRequest(eventWith(lengthsAndText(4, 0, "/tm")), path));
+    // Claims more than the event holds, or the event is too short for its lengths.
+    EXPECT_FALSE(decodeListDirectoryRequest(eventWith(lengthsAndText(9, 0, "/tmp")), path));
+    EXPECT_FALSE(decodeListDirectoryRequest(eventWith(lengthsAndText(0xFFFF, 0, "")), path));
+    EXPECT_FALSE(decodeListDirectoryRequest(Bytes(32, 0), path));
+    EXPECT_FALSE(decodeListDirectoryRequest(Bytes(38, 0), path));
+}
+
+TEST(BrowsingEvents, DeletePathIsBoundedByTheEvent) {
+    DeleteRequest request;
+    EXPECT_TRUE(decodeDeleteRequest(eventWith(lengthsAndText(0xEEEE, 4, "/tmp")), request));
+    EXPECT_EQ(request.length, 4);
+    EXPECT_EQ(request.path, "/tmp");
+    EXPECT_TRUE(decodeDeleteRequest(eventWith(lengthsAndText(0, 0, "")), request));
+    EXPECT_EQ(request.path, "");
+    EXPECT_FALSE(decodeDeleteRequest(eventWith(lengthsAndText(0, 5, "/tmp")), request));
+    EXPECT_FALSE(decodeDeleteRequest(Bytes(36, 0), request));
+}
+
+TEST(BrowsingEvents, RenameNamesTogetherAreBoundedByTheEvent) {
+    RenameRequest request;
+    EXPECT_TRUE(decodeRenameRequest(eventWith(lengthsAndText(3, 5, "oldnew.1")), request));
+    EXPECT_EQ(request.oldName, "old");
+    EXPECT_EQ(request.newName, "new.1");
+    EXPECT_TRUE(decodeRenameRequest(eventWith(lengthsAndText(3, 0, "old")), request));
+    EXPECT_EQ(request.newLength, 0);
+    EXPECT_EQ(request.newName, "");
+    // Each fits on its own, together they do not.
+    EXPECT_FALSE(decodeRenameRequest(eventWith(lengthsAndText(5, 5, "oldnew.1")), request));
+    EXPECT_FALSE(decodeRenameRequest(eventWith(lengthsAndText(0xFFFF, 1, "a")), request));
+    EXPECT_FALSE(decodeRenameRequest(Bytes(37, 0), request));
+}
+
+}  // namespace
