@@ -12,6 +12,8 @@ packages=(
   clang libclang-rt-14-dev
   # peers the tests and benchmarks compare against
   xvfb zip unzip libarchive-tools python3 file time
+  # the zstd tool makes a zstd entry for the fuzz seed corpus
+  zstd
 )
 
 missing=()

@@ -4,7 +4,9 @@
 //
 // Driven through the generic stream calls: mz_stream_open(stream, directory,
 // MZ_OPEN_MODE_READ), mz_stream_read until it returns MZ_END_OF_STREAM, mz_stream_tell (archive
-// bytes produced so far), mz_stream_close, mz_stream_error, mz_stream_delete.
+// bytes produced so far), mz_stream_close, mz_stream_error, mz_stream_delete. A file that cannot
+// be read is left out and the walk goes on; a failure while adding one is kept (sticky) and
+// returned by mz_stream_error and mz_stream_close, and the progress callback reports it.
 #pragma once
 
 #include <cstdint>

@@ -39,6 +39,7 @@ constexpr std::uint32_t kSize32Escape = 0xFFFFFFFFu;
 constexpr std::int64_t kDescriptorCutLimit = 25;
 // The zstd decoder's failure, as the stream reports it.
 constexpr std::int32_t kZstdDataError = -2;
+constexpr int kZstdWindowLogMax = 23;
 
 enum State : std::int32_t {
     kExpectHeader = 0,
@@ -97,6 +98,7 @@ struct UnpackStream {
     void* progressUser = nullptr;
     UnpackProgressCallback progress = nullptr;
     bool receivedBytes = false;  // a non-empty chunk arrived since open
+    std::string checkedParent;   // the last parent directory known to be real and present
     std::vector<std::uint8_t> extraBytes;
     std::array<std::uint8_t, kOutputBlockSize> outputBlock;
 };
@@ -262,6 +264,9 @@ std::int32_t setUpMethod(UnpackStream* s) {
             if (!s->zstd) {
                 s->zstd.reset(ZSTD_createDCtx());
                 if (!s->zstd) return fail(s, MZ_MEM_ERROR);
+                // A frame may ask for a window of up to 8 MiB (every level but the "ultra" ones);
+                // a larger one fails instead of making the far side's bytes cost us gigabytes.
+                ZSTD_DCtx_setParameter(s->zstd.get(), ZSTD_d_windowLogMax, kZstdWindowLogMax);
             } else {
                 ZSTD_DCtx_reset(s->zstd.get(), ZSTD_reset_session_only);
             }
@@ -311,19 +316,31 @@ Step expectHeader(UnpackStream* s) {
     const bool directory = mz_zip_attrib_is_dir(s->entry.externalFa, s->entry.versionMadeBy) == MZ_OK ||
                            name.back() == '/' || name.back() == '\\';
     if (directory) {
+        s->checkedParent.clear();
         const std::int32_t made = mz_dir_make(s->outputPath, s->basePath.size());
         if (made != MZ_OK) fail(s, made);
         return Step::Continue;
     }
 
     // Writers often leave out the entries of parent directories: make them (inside the target).
+    // The parents must be real directories and the file itself no symbolic link, or a link left
+    // in the target could carry the write outside it.
+    std::int32_t opened = MZ_OK;
     const std::size_t slash = s->outputPath.rfind('/');
-    if (slash != std::string::npos && slash >= s->basePath.size()) {
-        const std::string parent = s->outputPath.substr(0, slash);
-        if (!platform::isDirectory(parent)) mz_dir_make(parent, s->basePath.size());
+    if (slash != std::string::npos && slash >= s->basePath.size() &&
+        s->outputPath.compare(0, slash, s->checkedParent) != 0) {
+        s->checkedParent.assign(s->outputPath, 0, slash);
+        if (mz_dir_make(s->checkedParent, s->basePath.size()) != MZ_OK) {
+            s->checkedParent.clear();
+            opened = MZ_OPEN_ERROR;
+        }
     }
-    const std::int32_t opened =
-        mz_stream_open(s->file.get(), s->outputPath.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE);
+    platform::Status existing;
+    if (opened == MZ_OK && platform::linkStatus(s->outputPath, existing) &&
+        existing.kind == platform::Kind::Symlink)
+        opened = MZ_OPEN_ERROR;
+    if (opened == MZ_OK)
+        opened = mz_stream_open(s->file.get(), s->outputPath.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE);
     // The method is set up before the open is judged: an entry of an unknown method still leaves
     // its (empty) file behind.
     if (setUpMethod(s) != MZ_OK) return Step::Continue;
@@ -504,6 +521,7 @@ std::int32_t unpackOpen(void* stream, const char* path, std::int32_t mode) {
     s->written = 0;
     s->entry = LocalEntry{};
     s->receivedBytes = false;
+    s->checkedParent.clear();
     if (s->pending) s->pending->length = 0;
     s->pendingPosition = 0;
 

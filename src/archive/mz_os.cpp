@@ -54,8 +54,9 @@ std::int32_t mz_dir_make(const std::string& path, std::size_t from) {
         if (end == std::string::npos) end = path.size();
         if (end > i) {
             prefix.assign(path, 0, end);
+            // Symbolic links are not followed: a link below the start could lead anywhere.
             platform::Status st;
-            if (platform::status(prefix, st)) {
+            if (platform::linkStatus(prefix, st)) {
                 if (st.kind != platform::Kind::Directory) return MZ_EXIST_ERROR;
             } else if (!platform::makeDirectory(prefix) && !platform::isDirectory(prefix)) {
                 return MZ_INTERNAL_ERROR;

@@ -26,5 +26,6 @@ std::string mz_path_resolve(std::string_view name);
 
 // Creates every missing directory of `path` from byte `from` on (the part before is taken to
 // exist); existing directories are accepted. MZ_OK, MZ_EXIST_ERROR when a component exists as
-// something other than a directory, or MZ_INTERNAL_ERROR when one cannot be made.
+// something other than a directory (a symbolic link included: it is never followed), or
+// MZ_INTERNAL_ERROR when one cannot be made.
 std::int32_t mz_dir_make(const std::string& path, std::size_t from = 0);

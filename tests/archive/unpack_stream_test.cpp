@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <zstd.h>
+
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -54,8 +56,8 @@ TEST(UnpackStream, ExtractsEveryMethodWithAnySplitOfTheBytes) {
     const auto entries = mixedEntries();
     const Bytes archive = buildArchive(entries);
     const TreeImage expected = expectedImage(entries);
-    // Two writes, split at every offset: every header, payload and descriptor is cut somewhere.
-    for (std::size_t cut = 0; cut <= archive.size(); cut += (cut < 400 || archive.size() - cut < 400) ? 1 : 97) {
+    // Two writes, split at many offsets (the 1-byte chunking below cuts at every one).
+    for (std::size_t cut = 0; cut <= archive.size(); cut += (cut < 100 || archive.size() - cut < 100) ? 1 : 89) {
         TempDir dir;
         bool first = true;
         const std::size_t firstSize = cut;
@@ -241,6 +243,35 @@ TEST(UnpackStream, CorruptCompressedDataFails) {
     EXPECT_EQ(outcome.firstFailure, -2);
 }
 
+// A zstd frame that declares its window instead of its content size.
+Bytes zstdWithWindow(const std::string& data, int windowLog) {
+    ZSTD_CCtx* context = ZSTD_createCCtx();
+    ZSTD_CCtx_setParameter(context, ZSTD_c_windowLog, windowLog);
+    ZSTD_CCtx_setParameter(context, ZSTD_c_contentSizeFlag, 0);
+    Bytes out(ZSTD_compressBound(data.size()) + 64);
+    // Streamed, so the compressor cannot shrink the window to the (unknown) size.
+    ZSTD_inBuffer in{data.data(), data.size(), 0};
+    ZSTD_outBuffer o{out.data(), out.size(), 0};
+    ZSTD_compressStream2(context, &o, &in, ZSTD_e_continue);
+    while (ZSTD_compressStream2(context, &o, &in, ZSTD_e_end) > 0) {
+    }
+    ZSTD_freeCCtx(context);
+    out.resize(o.pos);
+    return out;
+}
+
+TEST(UnpackStream, ZstdWindowsAreLimitedToEightMegabytes) {
+    const std::string data = repeatText(10000);
+    TempDir ok, refused;
+    auto outcome = unpackInto(buildArchive({{.name = "w23", .data = data, .method = 93, .payload = zstdWithWindow(data, 23)}}),
+                              ok.str(), fixedChunks(1000));
+    EXPECT_EQ(outcome.closeResult, 0);
+    EXPECT_EQ(readFile(ok / "w23"), data);
+    outcome = unpackInto(buildArchive({{.name = "w24", .data = data, .method = 93, .payload = zstdWithWindow(data, 24)}}),
+                         refused.str(), fixedChunks(1000));
+    EXPECT_EQ(outcome.firstFailure, -2);
+}
+
 TEST(UnpackStream, ADataDescriptorCutByTheChunkBorderWaits) {
     // An entry with a descriptor whose signature is wrong.
     Bytes archive;
@@ -308,6 +339,30 @@ TEST(UnpackStream, NamesNeverLeaveTheTargetDirectory) {
     std::vector<std::string> outside;
     for (const auto& e : fs::directory_iterator(outer.path())) outside.push_back(e.path().filename().string());
     EXPECT_EQ(outside, std::vector<std::string>{"target"});
+}
+
+TEST(UnpackStream, LinksInTheTargetAreNotFollowed) {
+    TempDir outer;
+    const fs::path target = outer / "target", elsewhere = outer / "elsewhere";
+    fs::create_directory(target);
+    fs::create_directory(elsewhere);
+    testsupport::writeFile(elsewhere / "victim.txt", "untouched");
+    fs::create_directory_symlink(elsewhere, target / "linkdir");
+    fs::create_symlink(elsewhere / "victim.txt", target / "alias.txt");
+    const std::vector<std::pair<std::string, std::int32_t>> cases = {
+        {"linkdir/planted.txt", MZ_OPEN_ERROR},
+        {"linkdir/deeper/planted.txt", MZ_OPEN_ERROR},
+        {"alias.txt", MZ_OPEN_ERROR},
+        {"linkdir/made/", MZ_EXIST_ERROR},
+    };
+    for (const auto& [name, code] : cases) {
+        const auto outcome = unpackInto(buildArchive({{.name = name, .data = "planted"}}), target.string(), fixedChunks(64));
+        EXPECT_EQ(outcome.firstFailure, code) << name;
+    }
+    std::vector<std::string> there;
+    for (const auto& e : fs::directory_iterator(elsewhere)) there.push_back(e.path().filename().string());
+    EXPECT_EQ(there, std::vector<std::string>{"victim.txt"});
+    EXPECT_EQ(readFile(elsewhere / "victim.txt"), "untouched");
 }
 
 TEST(UnpackStream, NamesThatResolveToNothingFail) {

@@ -411,14 +411,20 @@ TEST(FileTransferGet, RefusalsEndTheRunAndRemoveTheLocalFile) {
 }
 
 TEST(FileTransferGet, UnwritableTargetIsALocalError) {
-    FarSide far;
-    START_OR_SKIP(far);
-    ASSERT_TRUE(far.start({"-get", "r", "/nonexistent/varoft/x.bin"}));
-    EXPECT_TRUE(far.quiet());
-    const auto result = far.finish();
-    EXPECT_EQ(result.exitCode, 0);
-    EXPECT_TRUE(endsWith(result.err, "Unable to open local file for writting: /nonexistent/varoft/x.bin.\n"))
-        << result.err;
+    testsupport::TempDir dir;
+    fs::create_directories(dir / "a-directory");
+    // A directory is not a file that exists (no prompt), and cannot be written either.
+    for (const std::string& target : {std::string("/nonexistent/varoft/x.bin"), (dir / "a-directory").string()}) {
+        SCOPED_TRACE(target);
+        FarSide far;
+        START_OR_SKIP(far);
+        ASSERT_TRUE(far.start({"-get", "r", target}));
+        EXPECT_TRUE(far.quiet());
+        const auto result = far.finish();
+        EXPECT_EQ(result.exitCode, 0);
+        EXPECT_EQ(result.err.find("overwrite"), std::string::npos);
+        EXPECT_TRUE(endsWith(result.err, "Unable to open local file for writting: " + target + ".\n")) << result.err;
+    }
 }
 
 TEST(FileTransferGet, FailedWritesAreLoggedOnceAndStillAcknowledged) {

@@ -166,6 +166,7 @@ INSTANTIATE_TEST_SUITE_P(Desktop, DesktopDirectories,
 
 TEST_F(DesktopRun, ScriptedSessionFetchesAndStoresFilesAndDirectories) {
     testsupport::writeFile(local("mine.txt"), "from the client");
+    testsupport::writeFile(local("moving.txt"), "moved away");
     makeTree(dir / "local" / "tree");
     testsupport::writeFile(onDesktop("theirs.txt"), "from the desktop");
     makeTree(dir / "desktop" / "theirs");
@@ -175,6 +176,7 @@ TEST_F(DesktopRun, ScriptedSessionFetchesAndStoresFilesAndDirectories) {
     // with a status, which the desktop's script does not wait for after a fetch.
     options.script = {
         "fetch " + local("mine.txt"),
+        "move " + local("moving.txt"),
         "store " + local("stored.txt") + " theirs.txt",
         "storedir " + local("tree-copy") + " theirs",
         "fetchdir " + local("tree"),
@@ -184,6 +186,9 @@ TEST_F(DesktopRun, ScriptedSessionFetchesAndStoresFilesAndDirectories) {
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_TRUE(endsWith(result.err, "File Transfer session was closed.\n")) << result.err;
     EXPECT_EQ(testsupport::readFile(onDesktop("mine.txt")), "from the client");
+    EXPECT_TRUE(fs::exists(local("mine.txt")));
+    EXPECT_EQ(testsupport::readFile(onDesktop("moving.txt")), "moved away");
+    EXPECT_FALSE(fs::exists(local("moving.txt")));
     EXPECT_EQ(treeDifference(onDesktop("tree"), dir / "local" / "tree"), "");
     EXPECT_EQ(testsupport::readFile(local("stored.txt")), "from the desktop");
     EXPECT_EQ(treeDifference(dir / "local" / "tree-copy", onDesktop("theirs")), "");

@@ -156,6 +156,26 @@ TEST_F(DirectoryReceive, NamesWithoutSeparatorOrZipEndingGetNoAnswer) {
     EXPECT_TRUE(fs::is_directory(dir / "a"));
 }
 
+TEST_F(DirectoryReceive, ReplacingWithoutAStartTouchesNothing) {
+    // Kind 2 before any kind 0: the directory path is still empty, and an empty path is never
+    // handed to the tree removal, so nothing around the process is deleted.
+    far.setWorkingDirectory(dir.str());
+    startSession();
+    send(2, (dir / "x.zip").string());
+    const auto status = far.nextStatus();
+    ASSERT_TRUE(status);
+    EXPECT_EQ(status->requestKind, 1);
+    EXPECT_EQ(status->failed, 1);
+    EXPECT_EQ(status->path, "");
+    EXPECT_TRUE(fs::exists(dir / "source.zip"));
+    EXPECT_TRUE(fs::exists(dir / "source" / "readme.txt"));
+    far.server().closeClient();
+    const auto result = far.finish();
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_NE(result.err.find("Unable to create directory : No such file or directory (2)\n"), std::string::npos)
+        << result.err;
+}
+
 TEST_F(DirectoryReceive, GetDirectoryFromTheCommandLine) {
     const std::string local = (dir / "fresh").string();
     ASSERT_TRUE(far.start({"-getd", "Desktop/project", local}));
