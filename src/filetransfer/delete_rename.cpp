@@ -14,8 +14,10 @@ namespace {
 // A name is kept the way a C string would hold it: up to its first NUL byte.
 std::string_view cString(std::string_view text) { return text.substr(0, text.find('\0')); }
 
-// Removes what the path names without following a final symbolic link.
-bool removePath(const std::string& path) {
+// Removes what the path names without following a final symbolic link. Trailing separators
+// are dropped first: "link/" would make the system look through the link.
+bool removePath(std::string path) {
+    while (path.size() > 1 && path.back() == platform::kSeparator) path.pop_back();
     platform::Status st;
     if (platform::linkStatus(path, st) && st.kind == platform::Kind::Directory) {
         // The tree removal refuses the root without a system error of its own.

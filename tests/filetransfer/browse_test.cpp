@@ -420,8 +420,9 @@ TEST_F(Browse, DeleteFilesTreesAndLinks) {
     makeFile(tree / ".hidden", "h");
     fs::create_directory_symlink(outside, tree / "a" / "link-out");
     fs::create_symlink(outside / "deep" / "precious.txt", tree / "file-link");
-    // A link to a directory, deleted itself.
+    // Links to a directory, deleted themselves, also when named with a trailing slash.
     fs::create_directory_symlink(outside, docs / "out-link");
+    fs::create_directory_symlink(outside, docs / "slash-link");
     begin();
 
     auto status = remove((docs / "gone.txt").string());
@@ -443,6 +444,13 @@ TEST_F(Browse, DeleteFilesTreesAndLinks) {
     EXPECT_EQ(status->status, 0);
     EXPECT_FALSE(fs::exists(fs::symlink_status(docs / "out-link")));
     EXPECT_TRUE(fs::exists(outside / "deep" / "precious.txt"));
+
+    status = remove((docs / "slash-link").string() + "/");
+    ASSERT_TRUE(status);
+    EXPECT_EQ(status->status, 0);
+    EXPECT_EQ(status->path, (docs / "slash-link").string() + "/");
+    EXPECT_FALSE(fs::exists(fs::symlink_status(docs / "slash-link")));
+    EXPECT_EQ(testsupport::readFile(outside / "deep" / "precious.txt"), "keep\n");
 
     const auto result = end();
     EXPECT_TRUE(contains(result.err, "gev->event_type = 75\n"

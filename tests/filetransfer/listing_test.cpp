@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/bytes.h"
@@ -123,47 +125,53 @@ TEST(BrowsingDirectory, ItemNamesCarryTheTimeAndAtMost259BytesOfTheName) {
 
 // ---- decoding the events ---------------------------------------------------------------------
 
-TEST(BrowsingEvents, ListingPathIsBoundedByTheEvent) {
+// The decoders' views point into the event, so these copy what they found while it lives.
+std::optional<std::string> listedPath(const Bytes& event) {
     std::string_view path;
-    EXPECT_TRUE(decodeListDirectoryRequest(eventWith(lengthsAndText(4, 0, "/tmp")), path));
-    EXPECT_EQ(path, "/tmp");
-    EXPECT_TRUE(decodeListDirectoryRequest(eventWith(lengthsAndText(0, 0, "")), path));
-    EXPECT_EQ(path, "");
+    if (!decodeListDirectoryRequest(event, path)) return std::nullopt;
+    return std::string(path);
+}
+
+std::optional<std::pair<std::uint16_t, std::string>> deletedPath(const Bytes& event) {
+    DeleteRequest request;
+    if (!decodeDeleteRequest(event, request)) return std::nullopt;
+    return std::make_pair(request.length, std::string(request.path));
+}
+
+std::optional<std::pair<std::string, std::string>> renamedNames(const Bytes& event) {
+    RenameRequest request;
+    if (!decodeRenameRequest(event, request)) return std::nullopt;
+    return std::make_pair(std::string(request.oldName), std::string(request.newName));
+}
+
+TEST(BrowsingEvents, ListingPathIsBoundedByTheEvent) {
+    EXPECT_EQ(listedPath(eventWith(lengthsAndText(4, 0, "/tmp"))), "/tmp");
+    EXPECT_EQ(listedPath(eventWith(lengthsAndText(0, 0, ""))), "");
     // Stops at a NUL byte, as a C string would.
-    EXPECT_TRUE(decodeListDirectoryRequest(eventWith(lengthsAndText(6, 0, std::string_view("/a\0bcd", 6))), path));
-    EXPECT_EQ(path, "/a");
+    EXPECT_EQ(listedPath(eventWith(lengthsAndText(6, 0, std::string_view("/a\0bcd", 6)))), "/a");
     // The padding of the event counts as part of it: "/tm" has one padding byte after it.
-    EXPECT_TRUE(decodeListDirectoryRequest(eventWith(lengthsAndText(4, 0, "/tm")), path));
+    EXPECT_EQ(listedPath(eventWith(lengthsAndText(4, 0, "/tm"))), "/tm");
     // Claims more than the event holds, or the event is too short for its lengths.
-    EXPECT_FALSE(decodeListDirectoryRequest(eventWith(lengthsAndText(9, 0, "/tmp")), path));
-    EXPECT_FALSE(decodeListDirectoryRequest(eventWith(lengthsAndText(0xFFFF, 0, "")), path));
-    EXPECT_FALSE(decodeListDirectoryRequest(Bytes(32, 0), path));
-    EXPECT_FALSE(decodeListDirectoryRequest(Bytes(38, 0), path));
+    EXPECT_FALSE(listedPath(eventWith(lengthsAndText(9, 0, "/tmp"))));
+    EXPECT_FALSE(listedPath(eventWith(lengthsAndText(0xFFFF, 0, ""))));
+    EXPECT_FALSE(listedPath(Bytes(32, 0)));
+    EXPECT_FALSE(listedPath(Bytes(38, 0)));
 }
 
 TEST(BrowsingEvents, DeletePathIsBoundedByTheEvent) {
-    DeleteRequest request;
-    EXPECT_TRUE(decodeDeleteRequest(eventWith(lengthsAndText(0xEEEE, 4, "/tmp")), request));
-    EXPECT_EQ(request.length, 4);
-    EXPECT_EQ(request.path, "/tmp");
-    EXPECT_TRUE(decodeDeleteRequest(eventWith(lengthsAndText(0, 0, "")), request));
-    EXPECT_EQ(request.path, "");
-    EXPECT_FALSE(decodeDeleteRequest(eventWith(lengthsAndText(0, 5, "/tmp")), request));
-    EXPECT_FALSE(decodeDeleteRequest(Bytes(36, 0), request));
+    EXPECT_EQ(deletedPath(eventWith(lengthsAndText(0xEEEE, 4, "/tmp"))), std::make_pair(std::uint16_t{4}, std::string("/tmp")));
+    EXPECT_EQ(deletedPath(eventWith(lengthsAndText(0, 0, ""))), std::make_pair(std::uint16_t{0}, std::string()));
+    EXPECT_FALSE(deletedPath(eventWith(lengthsAndText(0, 5, "/tmp"))));
+    EXPECT_FALSE(deletedPath(Bytes(36, 0)));
 }
 
 TEST(BrowsingEvents, RenameNamesTogetherAreBoundedByTheEvent) {
-    RenameRequest request;
-    EXPECT_TRUE(decodeRenameRequest(eventWith(lengthsAndText(3, 5, "oldnew.1")), request));
-    EXPECT_EQ(request.oldName, "old");
-    EXPECT_EQ(request.newName, "new.1");
-    EXPECT_TRUE(decodeRenameRequest(eventWith(lengthsAndText(3, 0, "old")), request));
-    EXPECT_EQ(request.newLength, 0);
-    EXPECT_EQ(request.newName, "");
+    EXPECT_EQ(renamedNames(eventWith(lengthsAndText(3, 5, "oldnew.1"))), std::make_pair(std::string("old"), std::string("new.1")));
+    EXPECT_EQ(renamedNames(eventWith(lengthsAndText(3, 0, "old"))), std::make_pair(std::string("old"), std::string()));
     // Each fits on its own, together they do not.
-    EXPECT_FALSE(decodeRenameRequest(eventWith(lengthsAndText(5, 5, "oldnew.1")), request));
-    EXPECT_FALSE(decodeRenameRequest(eventWith(lengthsAndText(0xFFFF, 1, "a")), request));
-    EXPECT_FALSE(decodeRenameRequest(Bytes(37, 0), request));
+    EXPECT_FALSE(renamedNames(eventWith(lengthsAndText(5, 5, "oldnew.1"))));
+    EXPECT_FALSE(renamedNames(eventWith(lengthsAndText(0xFFFF, 1, "a"))));
+    EXPECT_FALSE(renamedNames(Bytes(37, 0)));
 }
 
 }  // namespace
