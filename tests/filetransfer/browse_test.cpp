@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <map>
+#include <thread>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -14,6 +15,7 @@
 #include "common/bytes.h"
 #include "far_protocol.h"
 #include "far_side.h"
+#include "support/process.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -542,6 +544,77 @@ TEST_F(Browse, RenameMovesButNeverReplaces) {
 
     const auto result = end();
     EXPECT_EQ(count(result.err, "Reading rename file request.\n"), 7u) << result.err;
+}
+
+// ---- the loopback-desktop program browsing ---------------------------------------------------
+
+TEST(BrowseProgram, ScriptedSessionPrintsWhatComesBack) {
+    testsupport::TempDir dir;
+    const fs::path home = dir / "home";
+    const fs::path docs = home / "Documents";
+    fs::create_directories(docs / "reports");
+    makeFile(docs / "notes.txt", "hello\n");
+    makeFile(docs / "reports" / "q3.ps", "%!PS-Adobe-3.0\n");
+    makeFile(home / "todo.txt", "x\n");
+    makeFile(home / ".bashrc", "secret\n");
+    fs::create_directories(dir / "desk");
+    const fs::path script = dir / "browse.txt";
+    testsupport::writeFile(script, "# a user looking around their home\n"
+                                   "list\n"
+                                   "list reports\n"
+                                   "list ..\n"
+                                   "list ..\n"
+                                   "rename " + (home / "todo.txt").string() + " " + (home / "done.txt").string() + "\n"
+                                   "delete " + (docs / "reports").string() + "\n"
+                                   "list nowhere\n"
+                                   "close\n");
+
+    // A display number away from the automatic range, free at this moment.
+    int display = -1;
+    for (int i = 0; i < 50 && display < 0; ++i) {
+        loopback::ServerOptions probe;
+        probe.display = 450 + (::getpid() + i) % 50;
+        std::string error;
+        if (loopback::XServer::start(probe, &error)) display = probe.display;
+    }
+    ASSERT_GE(display, 0);
+    testsupport::RunOptions desktopRun;
+    desktopRun.args = {"--display", std::to_string(display), "--folder", (dir / "desk").string(),
+                       "--script", script.string(), "--once"};
+    testsupport::RunningProcess desktop(LOOPBACK_DESKTOP_BINARY, desktopRun);
+    ASSERT_TRUE(desktop.started());
+    const std::string socket = "/tmp/.X11-unix/X" + std::to_string(display);
+    for (int attempt = 0; attempt < 200 && !fs::exists(socket); ++attempt) std::this_thread::sleep_for(25ms);
+
+    testsupport::RunOptions varoftRun;
+    varoftRun.args = {"-display", ":" + std::to_string(display)};
+    varoftRun.env = quietEnvironment();
+    varoftRun.env["HOME"] = home.string();
+    const auto client = testsupport::run(testsupport::varoftBinary(), varoftRun);
+    EXPECT_EQ(client.exitCode, 0);
+    EXPECT_TRUE(contains(client.err, "File Transfer session was closed.\n")) << client.err;
+    const auto result = desktop.wait();
+    EXPECT_EQ(result.exitCode, 0);
+
+    const std::string t = std::to_string(kTime);
+    const std::string& out = result.out;
+    for (const std::string& line : {
+             "desktop: listing " + docs.string() + "\n",
+             "desktop:   text 6 " + t + "_notes.txt\n",
+             "desktop: listing " + (docs / "reports").string() + "\n",
+             "desktop:   ps   15 " + t + "_q3.ps\n",
+             "desktop: listing " + home.string() + "\n",
+             "desktop:   text 2 " + t + "_todo.txt\n",
+             "desktop: status for request kind 2: success (" + (home / "todo.txt").string() + ")\n",
+             "desktop: status for request kind 3: success (" + (docs / "reports").string() + ")\n",
+             "desktop: status for request kind 4: failure \"No such file or directory\" (" +
+                 (home / "nowhere").string() + "/*)\n",
+         })
+        EXPECT_TRUE(contains(out, line)) << line << out;
+    EXPECT_EQ(count(out, "desktop: end of listing\n"), 4u) << out;
+    EXPECT_FALSE(contains(out, ".bashrc")) << out;
+    EXPECT_TRUE(fs::exists(home / "done.txt"));
+    EXPECT_FALSE(fs::exists(docs / "reports"));
 }
 
 }  // namespace
