@@ -231,6 +231,8 @@ void sendChunk(xcb_connection_t* connection) {
 void complete(xcb_connection_t* connection) {
     KeepPath.clear();
     if (Transfer.objectType == kObjectDirectory) {
+        // Only the unpack stream has an outcome to report; when neither it nor a current
+        // stream exists, the unpacking counts as failed. Sent directories report success.
         bool failed = false;
         if (CurrentStream == DirUnpackStream) {
             if (!CurrentStream) {

@@ -290,7 +290,7 @@ TEST_F(Session, AbortOfAStoreRemovesThePartialFile) {
 // ---- events out of order, names, unknown kinds -----------------------------------------------
 
 TEST_F(Session, EventsWithoutATransferGetTheirFixedAnswers) {
-    begin();
+    begin({"-v"});
     const Reply chunk = expectReply(event(2, 1, 4, "/x"), 6);
     EXPECT_EQ(chunk.b, "/x");
     expectReply(event(1, 1, 5, "/x"), 6);
@@ -300,7 +300,11 @@ TEST_F(Session, EventsWithoutATransferGetTheirFixedAnswers) {
         const Reply r = expectReply(event(1, 1, kind, "/x"), 4);
         EXPECT_TRUE(r.c.empty());
     }
-    EXPECT_EQ(end().exitCode, 0);
+    const auto result = end();
+    EXPECT_EQ(result.exitCode, 0);
+    // Each exchange is traced at -v.
+    EXPECT_TRUE(contains(result.err, "gev->event_type = 90\nReading file transfer request.\nSending file transfer reply.\n"))
+        << result.err;
 }
 
 TEST_F(Session, AnUnknownKindEndsATransferInProgress) {
