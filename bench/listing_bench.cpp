@@ -57,30 +57,37 @@ std::string randomBytes(std::size_t n, std::uint32_t seed) {
 
 // Plain text, UTF-8 text, PostScript, EPS, PDF, GIF and other binary files in turn, from a few
 // hundred bytes to a few KiB.
-bool makeFiles(const std::string& dir, int count) {
+constexpr const char* kKinds[] = {"notes", "r\xC3\xA9sum\xC3\xA9", "page", "figure", "paper", "image", "data"};
+constexpr int kKindCount = sizeof kKinds / sizeof kKinds[0];
+
+std::string fileName(const std::string& dir, int i) {
+    return dir + "/" + kKinds[i % kKindCount] + "-" + std::to_string(i) + ".f";
+}
+
+std::string fileContent(int i) {
     const std::string line = "The quick brown fox jumps over the lazy dog, again and again.\n";
-    for (int i = 0; i < count; ++i) {
-        const std::uint32_t seed = static_cast<std::uint32_t>(i);
-        std::string name, content;
-        std::string text;
-        for (int k = 0; k < 8 + i % 40; ++k) text += line;
-        switch (i % 7) {
-        case 0: name = "notes"; content = text; break;
-        case 1: name = "r\xC3\xA9sum\xC3\xA9"; content = "caf\xC3\xA9 cr\xC3\xA8me\n" + text; break;
-        case 2: name = "page"; content = "%!PS-Adobe-3.0\n%%Pages: 1\n" + text + "showpage\n"; break;
-        case 3: name = "figure"; content = "%!PS-Adobe-3.0 EPSF-3.0\n" + text; break;
-        case 4: name = "paper"; content = "%PDF-1.7\n%\xE2\xE3\xCF\xD3\n" + randomBytes(2048 + i % 4096, seed); break;
-        case 5: name = "image"; content = "GIF89a" + randomBytes(1024 + i % 2048, seed); break;
-        default: name = "data"; content = randomBytes(512 + i % 8192, seed); break;
-        }
-        if (!writeWhole(dir + "/" + name + "-" + std::to_string(i) + ".f", content)) return false;
+    const auto seed = static_cast<std::uint32_t>(i);
+    std::string text;
+    for (int k = 0; k < 8 + i % 40; ++k) text += line;
+    switch (i % kKindCount) {
+    case 0: return text;
+    case 1: return "caf\xC3\xA9 cr\xC3\xA8me\n" + text;
+    case 2: return "%!PS-Adobe-3.0\n%%Pages: 1\n" + text + "showpage\n";
+    case 3: return "%!PS-Adobe-3.0 EPSF-3.0\n" + text;
+    case 4: return "%PDF-1.7\n%\xE2\xE3\xCF\xD3\n" + randomBytes(2048 + static_cast<std::size_t>(i % 4096), seed);
+    case 5: return "GIF89a" + randomBytes(1024 + static_cast<std::size_t>(i % 2048), seed);
+    default: return randomBytes(512 + static_cast<std::size_t>(i % 8192), seed);
     }
+}
+
+bool makeFiles(const std::string& dir, int count) {
+    for (int i = 0; i < count; ++i)
+        if (!writeWhole(fileName(dir, i), fileContent(i))) return false;
     return true;
 }
 
-void removeTree(const std::string& dir, int count) {
-    for (const char* name : {"notes", "r\xC3\xA9sum\xC3\xA9", "page", "figure", "paper", "image", "data"})
-        for (int i = 0; i < count; ++i) ::unlink((dir + "/" + name + "-" + std::to_string(i) + ".f").c_str());
+void removeFiles(const std::string& dir, int count) {
+    for (int i = 0; i < count; ++i) ::unlink(fileName(dir, i).c_str());
     ::rmdir(dir.c_str());
 }
 
@@ -207,20 +214,12 @@ int main(int argc, char** argv) {
     const std::string dir = home + "/Documents";
     if (::mkdir(dir.c_str(), 0755) != 0 || !makeFiles(dir, files)) {
         std::fprintf(stderr, "listing_bench: cannot fill %s\n", dir.c_str());
-        removeTree(dir, files);
+        removeFiles(dir, files);
         ::rmdir(home.c_str());
         return 1;
     }
     std::vector<std::string> fileArgs = {fileTool, "-b"};
-    {
-        // The same names the listing reads, in directory order.
-        std::vector<std::string> names;
-        for (int i = 0; i < files; ++i) {
-            static const char* kinds[] = {"notes", "r\xC3\xA9sum\xC3\xA9", "page", "figure", "paper", "image", "data"};
-            names.push_back(dir + "/" + kinds[i % 7] + "-" + std::to_string(i) + ".f");
-        }
-        fileArgs.insert(fileArgs.end(), names.begin(), names.end());
-    }
+    for (int i = 0; i < files; ++i) fileArgs.push_back(fileName(dir, i));
 
     // One untimed round warms the page cache for all three.
     Outcome varoft = listThroughVaroft(dir, home);
@@ -238,7 +237,7 @@ int main(int argc, char** argv) {
         if (r == 0 || f.seconds < fileBest.seconds) fileBest = f;
         if (r == 0 || l.seconds < lsBest.seconds) lsBest = l;
     }
-    removeTree(dir, files);
+    removeFiles(dir, files);
     ::rmdir(home.c_str());
     if (!ok) {
         std::fprintf(stderr, "listing_bench: a run failed (items listed: %zu)\n", varoft.items);

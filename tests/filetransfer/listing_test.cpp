@@ -1,6 +1,6 @@
 // The pieces of browsing that need no connection: the FileListItem bytes, where a request leads
-// from the current browsing directory, item names, and decoding of the three browsing events
-// when their lengths lie.
+// from the current browsing directory, item names, and decoding of listing and rename events when
+// their lengths lie.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -49,12 +49,6 @@ TEST(FileListItem, FieldsSitAtTheirOffsetsAndTheNameIsPadded) {
         EXPECT_EQ(std::string(out.begin() + 24, out.begin() + 24 + static_cast<std::ptrdiff_t>(name.size())), name);
         for (std::size_t i = 24 + name.size(); i < out.size(); ++i) EXPECT_EQ(out[i], 0) << i;
     }
-}
-
-TEST(FileListItem, SizesAbove4GiBAreCarriedWhole) {
-    const auto fixed = encodeFileListItemFixed({(5ull << 30) + 7, 'b', "x"});
-    EXPECT_EQ(bytes::get64(fixed, 8), (5ull << 30) + 7);
-    EXPECT_EQ(bytes::get32(fixed, 0), 0u);  // opcodes and length are libxcb's
 }
 
 // ---- the next browsing directory ---------------------------------------------------------------
@@ -132,12 +126,6 @@ std::optional<std::string> listedPath(const Bytes& event) {
     return std::string(path);
 }
 
-std::optional<std::pair<std::uint16_t, std::string>> deletedPath(const Bytes& event) {
-    DeleteRequest request;
-    if (!decodeDeleteRequest(event, request)) return std::nullopt;
-    return std::make_pair(request.length, std::string(request.path));
-}
-
 std::optional<std::pair<std::string, std::string>> renamedNames(const Bytes& event) {
     RenameRequest request;
     if (!decodeRenameRequest(event, request)) return std::nullopt;
@@ -156,13 +144,6 @@ TEST(BrowsingEvents, ListingPathIsBoundedByTheEvent) {
     EXPECT_FALSE(listedPath(eventWith(lengthsAndText(0xFFFF, 0, ""))));
     EXPECT_FALSE(listedPath(Bytes(32, 0)));
     EXPECT_FALSE(listedPath(Bytes(38, 0)));
-}
-
-TEST(BrowsingEvents, DeletePathIsBoundedByTheEvent) {
-    EXPECT_EQ(deletedPath(eventWith(lengthsAndText(0xEEEE, 4, "/tmp"))), std::make_pair(std::uint16_t{4}, std::string("/tmp")));
-    EXPECT_EQ(deletedPath(eventWith(lengthsAndText(0, 0, ""))), std::make_pair(std::uint16_t{0}, std::string()));
-    EXPECT_FALSE(deletedPath(eventWith(lengthsAndText(0, 5, "/tmp"))));
-    EXPECT_FALSE(deletedPath(Bytes(36, 0)));
 }
 
 TEST(BrowsingEvents, RenameNamesTogetherAreBoundedByTheEvent) {
