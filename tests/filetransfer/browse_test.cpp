@@ -324,6 +324,14 @@ TEST_F(Browse, FailedListingKeepsTheOldDirectory) {
     ASSERT_TRUE(l.status);
     EXPECT_EQ(l.status->path, (docs / "plain.txt").string() + "/*");
     EXPECT_EQ(l.status->error, "Not a directory");
+    if (::geteuid() != 0) {
+        fs::create_directories(docs / "closed");
+        fs::permissions(docs / "closed", fs::perms::none);
+        l = list((docs / "closed").string());
+        ASSERT_TRUE(l.status);
+        EXPECT_EQ(l.status->error, "Permission denied");
+        fs::permissions(docs / "closed", fs::perms::owner_all);
+    }
     EXPECT_EQ(list("..").first->name, docs.string());
     end();
 }
