@@ -3,7 +3,9 @@
 #   pack:   DirPackStream (archive_bench pack), zip -r -6 -q, bsdtar --format zip (deflate level 6)
 #   unpack: DirUnpackStream (archive_bench unpack), unzip -q, bsdtar -xf, all of zip's archive
 # MB/s counts the tree's uncompressed bytes (1 MB = 10^6 bytes); the ratio is against the
-# faster peer (above 1 is faster); peak RSS comes from /usr/bin/time (%M).
+# faster peer (above 1 is faster); peak RSS comes from /usr/bin/time (%M). The CPU columns (user +
+# system seconds) compare the work done, which holds up better than wall time when the cores are
+# shared.
 # The generated tree (a few thousand mixed files, ~300 MB, plus one 100 MB file) is kept in
 # $BENCH_DIR (default /tmp/varoft-bench) for later runs; delete it to regenerate. BENCH_MB and
 # BENCH_BIG_MB scale the generated tree (for a quick check of the script itself).
@@ -83,13 +85,13 @@ measure() {
   local op=$1 tool=$2
   shift 2
   sync
-  if ! (cd "$bench_dir" && /usr/bin/time -f '%e %M' -o "$out/time.txt" "$@" >/dev/null 2>"$out/stderr.txt"); then
+  if ! (cd "$bench_dir" && /usr/bin/time -f '%e %U %S %M' -o "$out/time.txt" "$@" >/dev/null 2>"$out/stderr.txt"); then
     echo "bench-archive: $op $tool failed:" >&2
     cat "$out/stderr.txt" >&2
     exit 1
   fi
-  read -r seconds rss_kb < <(tail -n 1 "$out/time.txt")
-  echo "$op $tool $seconds $rss_kb" >> "$results"
+  read -r seconds user system rss_kb < <(tail -n 1 "$out/time.txt")
+  echo "$op $tool $seconds $user $system $rss_kb" >> "$results"
 }
 
 echo "packing ..." >&2
@@ -114,16 +116,18 @@ rows = [l.split() for l in open(sys.argv[1])]
 tree_bytes, files = int(sys.argv[2]), int(sys.argv[3])
 parsed = []
 for r in rows:
-    op, tool, secs, rss = r[0], ' '.join(r[1:-2]), float(r[-2]), int(r[-1])
-    parsed.append((op, tool, secs, rss))
+    op, tool = r[0], ' '.join(r[1:-4])
+    secs, cpu, rss = float(r[-4]), float(r[-3]) + float(r[-2]), int(r[-1])
+    parsed.append((op, tool, secs, cpu, rss))
 print('tree: %d files, %.1f MB; archive sizes: %s' % (files, tree_bytes / 1e6, sys.argv[4]))
-print('%-7s %-16s %9s %9s %10s %10s' % ('op', 'tool', 'seconds', 'MB/s', 'vs peer', 'RSS MiB'))
+print('%-7s %-16s %8s %8s %8s %8s %9s %8s' % ('op', 'tool', 'seconds', 'MB/s', 'vs peer', 'CPU s', 'CPU vs', 'RSS MiB'))
 for op in ('pack', 'unpack'):
     group = [p for p in parsed if p[0] == op]
     peers = [p for p in group if not p[1].startswith('Dir')]
-    best_peer = min(p[2] for p in peers)
-    for _, tool, secs, rss in group:
-        rate = tree_bytes / 1e6 / max(secs, 0.01)
-        ratio = best_peer / max(secs, 0.01)
-        print('%-7s %-16s %9.2f %9.1f %9.2fx %10.1f' % (op, tool, secs, rate, ratio, rss / 1024))
+    best_wall = min(p[2] for p in peers)
+    best_cpu = min(p[3] for p in peers)
+    for _, tool, secs, cpu, rss in group:
+        print('%-7s %-16s %8.2f %8.1f %7.2fx %8.2f %8.2fx %8.1f' % (
+            op, tool, secs, tree_bytes / 1e6 / max(secs, 0.01), best_wall / max(secs, 0.01),
+            cpu, best_cpu / max(cpu, 0.01), rss / 1024))
 PY
