@@ -377,22 +377,28 @@ TEST_F(Browse, LogLinesAtEachLevel) {
                                      "Sending failed file transfer status, error : No such file or directory\n"))
         << result.err;
 
-    // -v shows the progress lines only.
-    FarSide quiet;
-    ASSERT_TRUE(quiet.start({"-v"}, std::nullopt, {{"HOME", home.string()}}));
-    ASSERT_TRUE(quiet.nextReply());
-    ASSERT_TRUE(quiet.sendPayload(91, loopback::encodeListDirectory(d)));
-    for (int items = 0; items < 4; ++items) ASSERT_TRUE(quiet.server().nextRequest(10000ms));  // the directory, "..", only.txt, the end
-    quiet.server().closeClient();
-    result = quiet.finish();
-    EXPECT_TRUE(contains(result.err, "Reading directory listing request.\n"
-                                     " Current browsing dir:\n"
-                                     " pDir:" + d + "\n"
-                                     " New browsing dir:" + d + "\n"))
-        << result.err;
-    EXPECT_FALSE(contains(result.err, "Got count")) << result.err;
-    EXPECT_FALSE(contains(result.err, " item:")) << result.err;
-    EXPECT_EQ(count(result.err, " New browsing dir:"), 1u) << result.err;
+    // -v shows the progress lines only; -vv adds the count and the pattern, not the items.
+    for (const bool detail : {false, true}) {
+        SCOPED_TRACE(detail ? "-vv" : "-v");
+        FarSide quieter;
+        ASSERT_TRUE(quieter.start({detail ? "-vv" : "-v"}, std::nullopt, {{"HOME", home.string()}}));
+        ASSERT_TRUE(quieter.nextReply());
+        ASSERT_TRUE(quieter.sendPayload(91, loopback::encodeListDirectory(d)));
+        // The directory, "..", only.txt and the end.
+        for (int items = 0; items < 4; ++items) ASSERT_TRUE(quieter.server().nextRequest(10000ms));
+        quieter.server().closeClient();
+        result = quieter.finish();
+        EXPECT_TRUE(contains(result.err, "Reading directory listing request.\n" +
+                                             std::string(detail ? " Got count=" + std::to_string(d.size()) + "\n" : "") +
+                                             " Current browsing dir:\n"
+                                             " pDir:" + d + "\n"
+                                             " New browsing dir:" + d + "\n" +
+                                             (detail ? " New browsing dir:" + d + "/*\n" : "")))
+            << result.err;
+        EXPECT_EQ(contains(result.err, "Got count"), detail) << result.err;
+        EXPECT_EQ(count(result.err, " New browsing dir:"), detail ? 2u : 1u) << result.err;
+        EXPECT_FALSE(contains(result.err, " item:")) << result.err;
+    }
 }
 
 TEST_F(Browse, LyingLengthsAreDroppedAndTheSessionGoesOn) {
