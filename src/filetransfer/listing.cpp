@@ -20,22 +20,6 @@ constexpr std::uint8_t kZeros[4] = {0, 0, 0, 0};
 
 iovec part(const void* data, std::size_t length) { return iovec{const_cast<void*>(data), length}; }
 
-struct ListDirectoryRequest {
-    std::uint16_t length = 0;  // the path length the event claims
-    std::string_view path;
-};
-
-bool decodeRequest(std::span<const std::uint8_t> event, ListDirectoryRequest& out) {
-    bytes::Reader r(event, kGenericEventPayloadOffset);
-    out.length = r.u16();
-    r.skip(2);
-    const std::string_view text = r.text(out.length);
-    if (!r.ok()) return false;
-    // The path is taken the way a C string holds it: up to its first NUL byte.
-    out.path = text.substr(0, text.find('\0'));
-    return true;
-}
-
 void sendFileListItem(xcb_connection_t* connection, const FileListItemFields& fields) {
     auto fixed = encodeFileListItemFixed(fields);
     // Two leading slots belong to libxcb (it may prepend the BIG-REQUESTS length there).
@@ -140,17 +124,21 @@ std::string entryItemName(std::int64_t mtime, std::string_view name) {
     return out;
 }
 
-bool decodeListDirectoryRequest(std::span<const std::uint8_t> event, std::string_view& path) {
-    ListDirectoryRequest request;
-    if (!decodeRequest(event, request)) return false;
-    path = request.path;
+bool decodeListDirectoryRequest(std::span<const std::uint8_t> event, ListDirectoryRequest& out) {
+    bytes::Reader r(event, kGenericEventPayloadOffset);
+    out.length = r.u16();
+    r.skip(2);
+    const std::string_view text = r.text(out.length);
+    if (!r.ok()) return false;
+    // The path is taken the way a C string holds it: up to its first NUL byte.
+    out.path = text.substr(0, text.find('\0'));
     return true;
 }
 
 void handleListingRequest(xcb_connection_t* connection, std::span<const std::uint8_t> event) {
     logPrint(2, "Reading directory listing request.\n");
     ListDirectoryRequest decoded;
-    if (!decodeRequest(event, decoded)) {
+    if (!decodeListDirectoryRequest(event, decoded)) {
         logDroppedEvent(kListDirectoryRequest);
         return;
     }

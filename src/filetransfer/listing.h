@@ -61,10 +61,15 @@ std::string entryItemName(std::int64_t mtime, std::string_view name);
 
 // ---- the request -----------------------------------------------------------------------------
 
-// The requested path of a ListDirectoryRequest as libxcb delivered it (the view points into the
-// event, up to its first NUL byte). False when the event is shorter than its fixed fields or its
-// path length claims bytes it does not hold.
-bool decodeListDirectoryRequest(std::span<const std::uint8_t> event, std::string_view& path);
+// A ListDirectoryRequest as decoded; the view points into the event, up to its first NUL byte.
+struct ListDirectoryRequest {
+    std::uint16_t length = 0;  // the path length the event claims
+    std::string_view path;     // empty: the starting directory
+};
+
+// Decodes the event as libxcb delivered it. False when the event is shorter than its fixed
+// fields or its path length claims bytes it does not hold.
+bool decodeListDirectoryRequest(std::span<const std::uint8_t> event, ListDirectoryRequest& out);
 
 // Serves one ListDirectoryRequest event.
 void handleListingRequest(xcb_connection_t* connection, std::span<const std::uint8_t> event);

@@ -121,9 +121,9 @@ TEST(BrowsingDirectory, ItemNamesCarryTheTimeAndAtMost259BytesOfTheName) {
 
 // The decoders' views point into the event, so these copy what they found while it lives.
 std::optional<std::string> listedPath(const Bytes& event) {
-    std::string_view path;
-    if (!decodeListDirectoryRequest(event, path)) return std::nullopt;
-    return std::string(path);
+    ListDirectoryRequest request;
+    if (!decodeListDirectoryRequest(event, request)) return std::nullopt;
+    return std::string(request.path);
 }
 
 std::optional<std::pair<std::string, std::string>> renamedNames(const Bytes& event) {
