@@ -20,7 +20,12 @@ bool removePath(std::string path) {
     while (path.size() > 1 && path.back() == platform::kSeparator) path.pop_back();
     platform::Status st;
     if (platform::linkStatus(path, st) && st.kind == platform::Kind::Directory) {
-        // The tree removal refuses the root without a system error of its own.
+        // Never the whole file system, by any spelling of its root ("/.", "/tmp/..").
+        if (platform::isFileSystemRoot(path)) {
+            platform::setLastError(platform::deniedErrorCode());
+            return false;
+        }
+        // The tree removal refuses some paths without a system error of its own.
         platform::setLastError(platform::deniedErrorCode());
         return removeDirectoryTree(path) != 0;
     }

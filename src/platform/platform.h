@@ -43,6 +43,9 @@ bool status(const std::string& path, Status& out);
 bool linkStatus(const std::string& path, Status& out);
 bool isDirectory(const std::string& path);
 bool exists(const std::string& path);
+// Whether the path names the root directory of the file system, however it is spelt ("/",
+// "/.", "/tmp/..").
+bool isFileSystemRoot(const std::string& path);
 
 // ---- changes to the file system -------------------------------------------------------------
 

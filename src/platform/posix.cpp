@@ -75,6 +75,12 @@ bool exists(const std::string& path) {
     return status(path, st);
 }
 
+bool isFileSystemRoot(const std::string& path) {
+    struct stat st {}, root {};
+    return ::stat(path.c_str(), &st) == 0 && ::stat("/", &root) == 0 && st.st_dev == root.st_dev &&
+           st.st_ino == root.st_ino;
+}
+
 bool removeFile(const std::string& path) { return ::unlink(path.c_str()) == 0; }
 bool removeDirectory(const std::string& path) { return ::rmdir(path.c_str()) == 0; }
 bool makeDirectory(const std::string& path) { return ::mkdir(path.c_str(), 0777) == 0; }

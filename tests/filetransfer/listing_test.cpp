@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <utility>
@@ -12,6 +13,8 @@
 #include "common/bytes.h"
 #include "filetransfer/delete_rename.h"
 #include "filetransfer/listing.h"
+#include "platform/platform.h"
+#include "support/temp_dir.h"
 
 namespace {
 
@@ -153,6 +156,18 @@ TEST(BrowsingEvents, RenameNamesTogetherAreBoundedByTheEvent) {
     EXPECT_FALSE(renamedNames(eventWith(lengthsAndText(5, 5, "oldnew.1"))));
     EXPECT_FALSE(renamedNames(eventWith(lengthsAndText(0xFFFF, 1, "a"))));
     EXPECT_FALSE(renamedNames(Bytes(37, 0)));
+}
+
+// ---- the root a delete must never remove ----------------------------------------------------------
+
+TEST(DeleteGuard, TheRootIsRecognisedByAnySpelling) {
+    for (const char* root : {"/", "//", "/.", "/./", "/..", "/tmp/..", "/tmp/../."})
+        EXPECT_TRUE(platform::isFileSystemRoot(root)) << root;
+    testsupport::TempDir dir;
+    std::filesystem::create_directory_symlink("/", dir / "to-root");
+    EXPECT_TRUE(platform::isFileSystemRoot((dir / "to-root").string()));
+    for (const std::string& other : {std::string("/tmp"), dir.str(), dir.str() + "/missing", std::string()})
+        EXPECT_FALSE(platform::isFileSystemRoot(other)) << other;
 }
 
 }  // namespace
