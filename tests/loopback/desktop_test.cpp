@@ -31,7 +31,7 @@ struct SeenEvent {
 
 class Harness {
 public:
-    explicit Harness(DesktopOptions options = {}) {
+    explicit Harness(DesktopOptions options = {}, int clients = 1) {
         std::string error;
         server_ = XServer::start({}, &error);
         EXPECT_TRUE(server_) << error;
@@ -42,19 +42,24 @@ public:
             log_ += line + "\n";
         };
         desktop_ = std::make_unique<Desktop>(*server_, options);
-        thread_ = std::thread([this] { desktop_->serveClient(20s); });
+        thread_ = std::thread([this, clients] {
+            for (int i = 0; i < clients; ++i) desktop_->serveClient(20s);
+        });
         client_ = loopbacktest::connect(server_->displayName());
         EXPECT_EQ(xcb_connection_has_error(client_.get()), 0);
     }
     ~Harness() { finish(); }
 
-    // Ends the client and waits for the desktop to notice.
+    // Ends the client (without waiting for the desktop).
+    void disconnect() { client_.reset(); }
+    // Ends the client and waits for the desktop to be done.
     void finish() {
         client_.reset();
         if (thread_.joinable()) thread_.join();
     }
 
     const fs::path& folder() const { return dir_.path(); }
+    std::string displayName() const { return server_->displayName(); }
     fs::path desktopFolder() const { return dir_ / "desktop"; }
     Desktop& desktop() { return *desktop_; }
     xcb_connection_t* xcb() { return client_.get(); }
@@ -298,4 +303,60 @@ TEST(DesktopFlows, ScriptedSessionAfterTheSessionStart) {
     const std::string log = h.log();
     EXPECT_NE(log.find("text 5 1700000000_a.txt"), std::string::npos) << log;
     EXPECT_NE(log.find("status for request kind 3: success (/tmp/x)"), std::string::npos) << log;
+}
+
+// A second client that speaks while the first one's transfer runs waits for its turn and is
+// then served; the first one's events never reach it.
+TEST(DesktopFlows, ClientsAreServedOneAfterTheOther) {
+    Harness h({}, 2);
+    testsupport::writeFile(h.desktopFolder() / "one.txt", "first");
+    h.reply(2, 1, 0, 10, 0, "one.txt", "/tmp/one.txt");
+    auto data = h.next();
+    ASSERT_TRUE(data);
+    ASSERT_EQ(data->kind, 4);
+
+    // Meanwhile a print job from another connection; its answer comes once the first is done.
+    auto other = loopbacktest::connect(h.displayName());
+    ASSERT_EQ(xcb_connection_has_error(other.get()), 0);
+    std::vector<std::uint8_t> begin;
+    bytes::Writer(begin).u8(0).u8(0).u16(5).u32(2).raw("p.txt").raw("ok");
+    const unsigned seq = loopbacktest::sendRequest(other.get(), &loopbacktest::printExtension, 1, begin, false, true);
+    xcb_flush(other.get());
+
+    h.reply(2, 1, 0, 5, 5, "one.txt", "/tmp/one.txt");
+    auto end = h.next();
+    ASSERT_TRUE(end);
+    EXPECT_EQ(end->kind, 8);
+    h.disconnect();  // the first client leaves; the print job gets its turn
+
+    xcb_generic_error_t* error = nullptr;
+    auto* reply = static_cast<std::uint8_t*>(xcb_wait_for_reply(other.get(), seq, &error));
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply[1], 0);
+    std::free(reply);
+    std::free(error);
+    EXPECT_EQ(xcb_poll_for_event(other.get()), nullptr);  // no event of the first client's
+    other.reset();
+    h.finish();
+    EXPECT_EQ(testsupport::readFile(h.desktopFolder() / "print" / "p.txt"), "ok");
+    EXPECT_NE(h.log().find("client 2 waits until client 1 is done"), std::string::npos) << h.log();
+}
+
+TEST(DesktopFlows, StartEventBeforeTheDataWhenAsked) {
+    DesktopOptions options;
+    options.sendStart = true;
+    Harness h(options);
+    testsupport::writeFile(h.desktopFolder() / "f.txt", "data");
+    h.reply(2, 1, 0, 10, 0, "f.txt", "/tmp/f.txt");
+    std::vector<std::uint8_t> kinds;
+    for (;;) {
+        auto e = h.next();
+        ASSERT_TRUE(e);
+        kinds.push_back(e->kind);
+        if (e->kind == 0) h.reply(2, 1, 0, 1, 0, "f.txt", "/tmp/f.txt");       // exists
+        else if (e->kind == 2) h.reply(2, 1, 0, 3, 0, "f.txt", "/tmp/f.txt");  // opened
+        else if (e->kind == 4) h.reply(2, 1, 0, 5, 0, "f.txt", "/tmp/f.txt");
+        else break;
+    }
+    EXPECT_EQ(kinds, (std::vector<std::uint8_t>{0, 2, 4, 8}));
 }

@@ -41,8 +41,12 @@ fs::path insideFolder(std::string_view name) {
     return out.empty() ? fs::path("unnamed") : out;
 }
 
-std::string plural(std::size_t n, const char* what) {
-    return std::to_string(n) + " " + what + (n == 1 ? "" : "s");
+std::string plural(std::size_t n, std::string_view what) {
+    std::string out = std::to_string(n) + " " + std::string(what);
+    if (n == 1) return out;
+    if (what.ends_with("y")) out.replace(out.size() - 1, 1, "ies");
+    else out += "s";
+    return out;
 }
 
 std::string itemType(std::uint8_t type) {
@@ -75,15 +79,23 @@ void Desktop::say(const std::string& line) {
     if (options_.log) options_.log(line);
 }
 
-bool Desktop::serveClient(std::chrono::milliseconds waitForClient) {
-    const auto deadline = std::chrono::steady_clock::now() + waitForClient;
-    while (!server_.waitForClient(100ms)) {
-        if (stopping_ || std::chrono::steady_clock::now() >= deadline) return false;
+bool Desktop::serveClient(std::chrono::milliseconds waitForRequest) {
+    // The client whose request comes first (deferred ones before new ones) is served until it
+    // has gone; requests of other clients meanwhile wait in the backlog.
+    std::optional<Request> first;
+    if (!backlog_.empty()) {
+        first = std::move(backlog_.front());
+        backlog_.pop_front();
     }
-    client_ = server_.lastClient();  // perhaps gone already; what it sent is still queued
+    const auto deadline = std::chrono::steady_clock::now() + waitForRequest;
+    while (!first && !stopping_ && std::chrono::steady_clock::now() < deadline) first = server_.nextRequest(100ms);
+    if (!first) return false;
+    client_ = first->client;
     session_.reset();
     printing_ = false;
-    say("client " + std::to_string(client_) + " connected");
+    say("serving client " + std::to_string(client_));
+    if (options_.trace) trace(*first);
+    dispatch(*first);
     while (auto request = nextFromClient()) dispatch(*request);
     if (printing_) say("print job " + printName_ + " left unfinished (" + std::to_string(printData_.size()) + " bytes)");
     printing_ = false;
@@ -93,10 +105,23 @@ bool Desktop::serveClient(std::chrono::milliseconds waitForClient) {
 
 std::optional<Request> Desktop::nextFromClient() {
     for (;;) {
+        const auto mine = std::find_if(backlog_.begin(), backlog_.end(), [&](const Request& r) { return r.client == client_; });
+        if (mine != backlog_.end()) {
+            Request r = std::move(*mine);
+            backlog_.erase(mine);
+            if (options_.trace) trace(r);
+            return r;
+        }
         auto r = server_.nextRequest(100ms);
         if (r) {
-            if (r->client == client_) return r;
-            say("ignored a request of an earlier client");
+            if (r->client == client_) {
+                if (options_.trace) trace(*r);
+                return r;
+            }
+            if (server_.isConnected(client_) &&
+                std::none_of(backlog_.begin(), backlog_.end(), [&](const Request& b) { return b.client == r->client; }))
+                say("client " + std::to_string(r->client) + " waits until client " + std::to_string(client_) + " is done");
+            backlog_.push_back(std::move(*r));
             continue;
         }
         if (stopping_ || !server_.isConnected(client_)) return std::nullopt;
@@ -164,9 +189,26 @@ void Desktop::onReply(const TransferReply& reply) {
         outcome_ = "refused";
         return;
     }
+    if (options_.sendStart && !startFirst(reply)) return;
     if (toDesktop) receiveFromClient(reply);
     else if (reply.objectType == kObjectDirectory) sendDirectoryToClient(reply);
     else sendFileToClient(reply);
+}
+
+// The other order a far side might use: a kind-0 start before the data, answered by reply 3
+// (or reply 1 for a target that exists, then kind 2 to replace it).
+bool Desktop::startFirst(const TransferReply& announce) {
+    if (!sendEvent(echo(announce, 0))) return false;
+    auto reply = awaitReply("the answer to the start");
+    if (reply && reply->kind == 1) {
+        say("client's " + announce.nameB + " exists: replacing it");
+        if (!sendEvent(echo(announce, 2))) return false;
+        reply = awaitReply("the answer to the replace");
+    }
+    if (reply && reply->kind == 3) return true;
+    if (reply) say("unexpected reply to the start: " + transferKindName(reply->kind));
+    outcome_ = "failed";
+    return false;
 }
 
 TransferEvent Desktop::echo(const TransferReply& reply, std::uint8_t kind) const {
@@ -182,7 +224,39 @@ TransferEvent Desktop::echo(const TransferReply& reply, std::uint8_t kind) const
 }
 
 bool Desktop::sendEvent(const TransferEvent& event) {
-    return server_.sendGenericEvent(kTransferRequest, encodeTransferEvent(event));
+    if (options_.trace) {
+        say("-> TransferRequest kind " + std::to_string(event.kind) + " (" + transferKindName(event.kind) + "), " +
+            describe(event.direction, event.objectType, event.nameA, event.nameB, event.data.size()));
+    }
+    return server_.sendGenericEventTo(client_, kTransferRequest, encodeTransferEvent(event));
+}
+
+void Desktop::trace(const Request& request) {
+    std::string line;
+    if (request.major == server_.printOpcode()) {
+        const auto chunk = decodePrintChunk(request.bytes);
+        line = chunk ? std::string(chunk->begin ? "sendFileBegin " + chunk->name : "sendFileContinue") + ", " +
+                           std::to_string(chunk->data.size()) + " bytes, more " + std::to_string(chunk->more)
+                     : "malformed print request";
+    } else if (request.minor == kFileTransferReply) {
+        const auto r = decodeTransferReply(request.bytes);
+        line = r ? "FileTransferReply kind " + std::to_string(r->kind) + " (" + transferKindName(r->kind) + "), " +
+                       describe(r->direction, r->objectType, r->nameA, r->nameB, r->block.size())
+                 : "malformed FileTransferReply";
+    } else if (request.minor == kFileTransferStatus) {
+        line = "FileTransferStatus";
+    } else if (request.minor == kFileListItem) {
+        line = "FileListItem";
+    } else {
+        line = "request " + std::to_string(request.minor);
+    }
+    say("<- " + line + (request.big ? " (big request)" : ""));
+}
+
+std::string Desktop::describe(std::uint8_t direction, std::uint8_t objectType, const std::string& a, const std::string& b,
+                              std::size_t dataBytes) {
+    return "direction " + std::to_string(direction) + ", object " + std::to_string(objectType) + ", A \"" + a +
+           "\", B \"" + b + "\"" + (dataBytes ? ", " + std::to_string(dataBytes) + " data bytes" : "");
 }
 
 fs::path Desktop::desktopPath(const std::string& remoteName, const std::string& localPath) const {
@@ -278,14 +352,25 @@ void Desktop::receiveFromClient(const TransferReply& announce) {
 
 // Sends `data` as kind-4 events of at most chunkSize bytes, each answered by reply kind 5,
 // then a kind-8 event.
-bool Desktop::sendData(TransferEvent event, std::span<const std::uint8_t> data, const std::string& what) {
+bool Desktop::sendData(TransferEvent event, const ChunkSource& next, const std::string& what) {
     std::size_t chunks = 0;
-    for (std::size_t at = 0; at < data.size(); at += options_.chunkSize) {
-        const auto piece = data.subspan(at, std::min(options_.chunkSize, data.size() - at));
+    std::uint64_t total = 0;
+    std::vector<std::uint8_t> piece(options_.chunkSize);
+    for (;;) {
+        const std::optional<std::size_t> got = next(piece);
+        if (!got) {
+            say("cannot read " + what + "; aborting");
+            event.kind = 7;
+            event.data.clear();
+            sendEvent(event);
+            return false;
+        }
+        if (*got == 0) break;
         event.kind = 4;
-        event.data.assign(piece.begin(), piece.end());
+        event.data.assign(piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(*got));
         if (!sendEvent(event)) return false;
         ++chunks;
+        total += *got;
         auto reply = awaitReply("a chunk acknowledgement");
         if (!reply) return false;
         if (reply->kind != 5) {
@@ -299,28 +384,31 @@ bool Desktop::sendData(TransferEvent event, std::span<const std::uint8_t> data, 
     event.kind = 8;
     event.data.clear();
     if (!sendEvent(event)) return false;
-    say("sent " + what + " (" + std::to_string(data.size()) + " bytes in " + plural(chunks, "chunk") + ")");
+    say("sent " + what + " (" + std::to_string(total) + " bytes in " + plural(chunks, "chunk") + ")");
     return true;
 }
 
+// A desktop file goes out as it is read, one chunk at a time.
 void Desktop::sendFileToClient(const TransferReply& announce) {
     const fs::path source = options_.folder / insideFolder(announce.nameA);
     std::error_code ec;
-    std::vector<std::uint8_t> data;
-    File file(fs::is_regular_file(source, ec) ? std::fopen(source.c_str(), "rb") : nullptr);
-    if (file) {
-        std::uint8_t buffer[65536];
-        for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, file.get())) > 0;) data.insert(data.end(), buffer, buffer + n);
-    }
-    if (!file || std::ferror(file.get())) {
+    const bool regular = fs::is_regular_file(source, ec);
+    const std::uintmax_t size = regular ? fs::file_size(source, ec) : 0;
+    File file(regular && !ec ? std::fopen(source.c_str(), "rb") : nullptr);
+    if (!file) {
         say("no desktop file " + announce.nameA + ": aborting");
         sendEvent(echo(announce, 7));
         outcome_ = "missing";
         return;
     }
     TransferEvent event = echo(announce, 4);
-    event.size = data.size();
-    outcome_ = sendData(event, data, announce.nameA) ? "sent" : "failed";
+    event.size = size;
+    const ChunkSource read = [&](std::span<std::uint8_t> into) -> std::optional<std::size_t> {
+        const std::size_t n = std::fread(into.data(), 1, into.size(), file.get());
+        if (n == 0 && std::ferror(file.get())) return std::nullopt;
+        return n;
+    };
+    outcome_ = sendData(event, read, announce.nameA) ? "sent" : "failed";
 }
 
 void Desktop::sendDirectoryToClient(const TransferReply& announce) {
@@ -337,7 +425,14 @@ void Desktop::sendDirectoryToClient(const TransferReply& announce) {
         ", " + zipMethodName(options_.zipMethod));
     TransferEvent event = echo(announce, 4);
     event.size = packed.bytes.size();
-    outcome_ = sendData(event, packed.bytes, announce.nameA + " as zip") ? "sent" : "failed";
+    std::size_t at = 0;
+    const ChunkSource read = [&](std::span<std::uint8_t> into) -> std::optional<std::size_t> {
+        const std::size_t n = std::min(into.size(), packed.bytes.size() - at);
+        std::copy_n(packed.bytes.begin() + static_cast<std::ptrdiff_t>(at), n, into.begin());
+        at += n;
+        return n;
+    };
+    outcome_ = sendData(event, read, announce.nameA + " as zip") ? "sent" : "failed";
 }
 
 void Desktop::onPrint(const Request& request) {
@@ -404,7 +499,7 @@ bool Desktop::runScriptStep(const std::string& line) {
 }
 
 bool Desktop::scriptList(const std::string& path) {
-    if (!server_.sendGenericEvent(kListDirectoryRequest, encodeListDirectory(path))) return false;
+    if (!server_.sendGenericEventTo(client_, kListDirectoryRequest, encodeListDirectory(path))) return false;
     while (auto request = nextFromClient()) {
         if (request->major == server_.fileTransferOpcode() && request->minor == kFileListItem) {
             const auto item = decodeListItem(request->bytes);
@@ -441,8 +536,22 @@ bool Desktop::scriptFetch(const std::string& local, std::uint8_t objectType) {
     }
     start.size = reply->size;
     receiveFromClient(start);
-    TransferEvent end = echo(start, 8);
-    return outcome_ == "stored" && sendEvent(end);
+    if (outcome_ != "stored" || !sendEvent(echo(start, 8))) return false;
+    if (objectType != kObjectDirectory) return true;
+    // The client closes a directory transfer with a status of its own.
+    return awaitStatus("the client's closing status");
+}
+
+bool Desktop::awaitStatus(const char* waitingFor) {
+    while (auto request = nextFromClient()) {
+        dispatch(*request);
+        if (request->major == server_.fileTransferOpcode() && request->minor == kFileTransferStatus) {
+            const auto status = decodeTransferStatus(request->bytes);
+            return status && status->status == 0;
+        }
+    }
+    say(std::string("client went away while the desktop waited for ") + waitingFor);
+    return false;
 }
 
 bool Desktop::scriptStore(const std::string& local, const std::string& name, bool directory) {
@@ -465,32 +574,15 @@ bool Desktop::scriptStore(const std::string& local, const std::string& name, boo
     }
     if (directory) {
         sendDirectoryToClient(start);
-        if (outcome_ != "sent") return false;
         // The client reports how its unpacking went.
-        while (auto request = nextFromClient()) {
-            dispatch(*request);
-            if (request->minor == kFileTransferStatus) {
-                const auto status = decodeTransferStatus(request->bytes);
-                return status && status->status == 0;
-            }
-        }
-        return false;
+        return outcome_ == "sent" && awaitStatus("the client's unpacking status");
     }
     sendFileToClient(start);
     return outcome_ == "sent";
 }
 
 bool Desktop::scriptSimple(std::uint16_t eventType, std::span<const std::uint8_t> payload, const std::string& what) {
-    if (!server_.sendGenericEvent(eventType, payload)) return false;
-    while (auto request = nextFromClient()) {
-        dispatch(*request);
-        if (request->major == server_.fileTransferOpcode() && request->minor == kFileTransferStatus) {
-            const auto status = decodeTransferStatus(request->bytes);
-            return status && status->status == 0;
-        }
-    }
-    say("client went away during " + what);
-    return false;
+    return server_.sendGenericEventTo(client_, eventType, payload) && awaitStatus(what.c_str());
 }
 
 }  // namespace loopback

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -23,10 +24,12 @@ struct DesktopOptions {
     std::size_t chunkSize = 131072;            // data bytes per kind-4 event
     ZipMethod zipMethod = ZipMethod::Deflate;  // for directories the desktop sends
     std::uint8_t refusal = 0;                  // 13..17: answer every announced transfer with it
+    bool sendStart = false;                    // send a kind-0 start before the data of an announced transfer
     std::uint8_t printCode = 0;                // the answer to every print request
     std::string printReason;
     // Steps run after a session start (see runScriptStep); empty: the desktop waits.
     std::vector<std::string> script;
+    bool trace = false;  // also a line for every request received and every event sent
     // Each readable line of what happens ("stored report.pdf (1048576 bytes)").
     std::function<void(const std::string&)> log;
 };
@@ -41,9 +44,10 @@ class Desktop {
 public:
     Desktop(XServer& server, DesktopOptions options);
 
-    // Serves one client from its handshake until it goes away. False when no client came
-    // within `waitForClient` (or stop() was called first).
-    bool serveClient(std::chrono::milliseconds waitForClient);
+    // Serves one client, from its first request until it has gone; requests of other clients
+    // that come meanwhile wait for their turn. False when no request came within
+    // `waitForRequest` (or stop() was called first).
+    bool serveClient(std::chrono::milliseconds waitForRequest);
     // Makes serveClient return soon (from another thread or a signal-driven loop).
     void stop() { stopping_ = true; }
 
@@ -65,14 +69,21 @@ private:
     void onReply(const TransferReply& reply);
     void onPrint(const Request& request);
     bool sendEvent(const TransferEvent& event);
+    void trace(const Request& request);
+    static std::string describe(std::uint8_t direction, std::uint8_t objectType, const std::string& a,
+                                const std::string& b, std::size_t dataBytes);
     TransferEvent echo(const TransferReply& reply, std::uint8_t kind) const;
     std::filesystem::path desktopPath(const std::string& remoteName, const std::string& localPath) const;
 
+    bool startFirst(const TransferReply& announce);
     void receiveFromClient(const TransferReply& announce);
     void sendFileToClient(const TransferReply& announce);
     void sendDirectoryToClient(const TransferReply& announce);
-    bool sendData(TransferEvent event, std::span<const std::uint8_t> data, const std::string& what);
+    // Fills the span and says how much it filled (0 at the end), nullopt on a read error.
+    using ChunkSource = std::function<std::optional<std::size_t>(std::span<std::uint8_t>)>;
+    bool sendData(TransferEvent event, const ChunkSource& next, const std::string& what);
     std::optional<TransferReply> awaitReply(const char* waitingFor);
+    bool awaitStatus(const char* waitingFor);  // true for a status of success
 
     bool scriptList(const std::string& path);
     bool scriptFetch(const std::string& local, std::uint8_t objectType);
@@ -83,6 +94,7 @@ private:
     DesktopOptions options_;
     std::atomic<bool> stopping_{false};
     std::uint32_t client_ = 0;
+    std::deque<Request> backlog_;  // requests of other clients, in the order they came
     std::optional<SessionStart> session_;
     std::string outcome_;
     // A print job in progress.

@@ -3,7 +3,7 @@
 //   loopback-desktop [--display N] [--tcp] [--cookie HEX] [--no-file-transfer] [--no-print]
 //                    [--no-big-requests] [--folder DIR] [--print-folder DIR] [--chunk-size N]
 //                    [--zip-method deflate|store|zstd] [--print-code N [--print-reason TEXT]]
-//                    [--refuse KIND] [--script FILE] [--once]
+//                    [--refuse KIND] [--send-start] [--script FILE] [--trace] [--once]
 //
 // It prints "loopback-desktop: serving :N" once clients can connect, then one line per thing
 // it receives or sends.
@@ -35,7 +35,7 @@ void usage() {
         "usage: loopback-desktop [--display N] [--tcp] [--cookie HEX] [--no-file-transfer] [--no-print]\n"
         "                        [--no-big-requests] [--folder DIR] [--print-folder DIR] [--chunk-size N]\n"
         "                        [--zip-method deflate|store|zstd] [--print-code N] [--print-reason TEXT]\n"
-        "                        [--refuse KIND] [--script FILE] [--once]\n",
+        "                        [--refuse KIND] [--send-start] [--script FILE] [--trace] [--once]\n",
         stderr);
 }
 
@@ -101,6 +101,8 @@ int main(int argc, char** argv) {
         else if (arg == "--print-reason") ok = needValue() && (desktop.printReason = value, true);
         else if (arg == "--refuse") ok = needValue() && parseNumber(value, desktop.refusal) && desktop.refusal >= 13 && desktop.refusal <= 17;
         else if (arg == "--script") ok = needValue() && (scriptPath = value, true);
+        else if (arg == "--send-start") desktop.sendStart = true;
+        else if (arg == "--trace") desktop.trace = true;
         else if (arg == "--once") once = true;
         else if (arg == "--help" || arg == "-h") {
             usage();

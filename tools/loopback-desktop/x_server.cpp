@@ -705,7 +705,17 @@ std::uint32_t XServer::clientsAccepted() const {
 bool XServer::sendGenericEvent(std::uint16_t eventType, std::span<const std::uint8_t> extra,
                                std::span<const std::uint8_t> header22) {
     std::lock_guard lock(mutex_);
-    Connection* c = current();
+    return queueGenericEvent(current(), eventType, extra, header22);
+}
+
+bool XServer::sendGenericEventTo(std::uint32_t client, std::uint16_t eventType, std::span<const std::uint8_t> extra,
+                                 std::span<const std::uint8_t> header22) {
+    std::lock_guard lock(mutex_);
+    return queueGenericEvent(findClient(client), eventType, extra, header22);
+}
+
+bool XServer::queueGenericEvent(Connection* c, std::uint16_t eventType, std::span<const std::uint8_t> extra,
+                                std::span<const std::uint8_t> header22) {
     if (!c) return false;
     const std::size_t padded = extra.size() + bytes::pad4(extra.size());
     if (padded / 4 > 0xFFFFFFFFu) return false;

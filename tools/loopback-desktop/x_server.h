@@ -88,6 +88,9 @@ public:
     // (padded to a multiple of 4 here). Its sequence is that of the last request read.
     bool sendGenericEvent(std::uint16_t eventType, std::span<const std::uint8_t> extra,
                           std::span<const std::uint8_t> header22 = {});
+    // The same to one client by its id (Request::client); false when it is not connected.
+    bool sendGenericEventTo(std::uint32_t client, std::uint16_t eventType, std::span<const std::uint8_t> extra,
+                            std::span<const std::uint8_t> header22 = {});
     // Anything, as is, to the current client.
     bool sendRaw(std::span<const std::uint8_t> bytes);
     // The reply to a print request: code, and a reason text carried after byte 32.
@@ -115,6 +118,8 @@ private:
     Connection* findClient(std::uint32_t id) const;
     Connection* current() const;
     bool enqueue(Connection* c, std::span<const std::uint8_t> bytes);
+    bool queueGenericEvent(Connection* c, std::uint16_t eventType, std::span<const std::uint8_t> extra,
+                           std::span<const std::uint8_t> header22);
 
     ServerOptions options_;
     int display_ = -1;

@@ -12,6 +12,7 @@
 #include <ctime>
 #include <memory>
 
+#include <locale.h>
 #include <sys/stat.h>
 
 namespace fs = std::filesystem;
@@ -19,6 +20,27 @@ namespace fs = std::filesystem;
 namespace loopback {
 
 namespace {
+
+// libarchive turns entry names into the current locale's charset; in the C locale a UTF-8 name
+// with accents cannot be represented and comes out empty. Reading runs under a UTF-8 locale
+// for this thread only, so neither the program nor a test that links it changes global state.
+class Utf8ThreadLocale {
+public:
+    Utf8ThreadLocale() : utf8_(newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr))) {
+        if (utf8_) previous_ = uselocale(utf8_);
+    }
+    ~Utf8ThreadLocale() {
+        if (!utf8_) return;
+        uselocale(previous_);
+        freelocale(utf8_);
+    }
+    Utf8ThreadLocale(const Utf8ThreadLocale&) = delete;
+    Utf8ThreadLocale& operator=(const Utf8ThreadLocale&) = delete;
+
+private:
+    locale_t utf8_;
+    locale_t previous_ = static_cast<locale_t>(nullptr);
+};
 
 struct ReadArchiveDeleter {
     void operator()(archive* a) const { archive_read_free(a); }
@@ -255,6 +277,7 @@ bool unpackArchive(std::span<const std::uint8_t> zip, const fs::path& target, Un
         if (error) *error = target.string() + ": cannot create the directory";
         return false;
     }
+    const Utf8ThreadLocale utf8;
     ReadArchive a(archive_read_new());
     if (!a) return false;
     auto failed = [&](const std::string& what) {
@@ -270,7 +293,9 @@ bool unpackArchive(std::span<const std::uint8_t> zip, const fs::path& target, Un
         const int rc = archive_read_next_header(a.get(), &entry);
         if (rc == ARCHIVE_EOF) break;
         if (rc != ARCHIVE_OK && rc != ARCHIVE_WARN) return failed("zip entry");
-        const char* raw = archive_entry_pathname(entry);
+        // The UTF-8 form first: the locale's form is null for names it cannot represent.
+        const char* raw = archive_entry_pathname_utf8(entry);
+        if (!raw) raw = archive_entry_pathname(entry);
         const std::string name = raw ? raw : "";
         const auto relative = safeRelative(name);
         if (!relative || (!name.empty() && (name[0] == '/' || name[0] == '\\'))) {
@@ -278,7 +303,7 @@ bool unpackArchive(std::span<const std::uint8_t> zip, const fs::path& target, Un
             return false;
         }
         const fs::path path = target / *relative;
-        const bool directory = archive_entry_filetype(entry) == AE_IFDIR || name.back() == '/' || name.back() == '\\';
+        const bool directory = archive_entry_filetype(entry) == AE_IFDIR || (!name.empty() && (name.back() == '/' || name.back() == '\\'));
         if (directory) {
             fs::create_directories(path, ec);
             if (ec) {
