@@ -43,6 +43,9 @@ bool status(const std::string& path, Status& out);
 bool linkStatus(const std::string& path, Status& out);
 bool isDirectory(const std::string& path);
 bool exists(const std::string& path);
+// Whether the path names the root directory of the file system, however it is spelt ("/",
+// "/.", "/tmp/..").
+bool isFileSystemRoot(const std::string& path);
 
 // ---- changes to the file system -------------------------------------------------------------
 
@@ -53,6 +56,10 @@ bool makeDirectory(const std::string& path);    // one level; fails when it exis
 bool renameNoReplace(const std::string& from, const std::string& to);
 // The error code that makeDirectory/renameNoReplace report for an existing target.
 int existsErrorCode();
+// The error codes for a path that does not exist and for an operation that is not allowed;
+// callers that refuse a request themselves set one of them before reporting the failure.
+int missingErrorCode();
+int deniedErrorCode();
 
 // ---- directory listing ----------------------------------------------------------------------
 

@@ -75,10 +75,18 @@ bool exists(const std::string& path) {
     return status(path, st);
 }
 
+bool isFileSystemRoot(const std::string& path) {
+    struct stat st {}, root {};
+    return ::stat(path.c_str(), &st) == 0 && ::stat("/", &root) == 0 && st.st_dev == root.st_dev &&
+           st.st_ino == root.st_ino;
+}
+
 bool removeFile(const std::string& path) { return ::unlink(path.c_str()) == 0; }
 bool removeDirectory(const std::string& path) { return ::rmdir(path.c_str()) == 0; }
 bool makeDirectory(const std::string& path) { return ::mkdir(path.c_str(), 0777) == 0; }
 int existsErrorCode() { return EEXIST; }
+int missingErrorCode() { return ENOENT; }
+int deniedErrorCode() { return EACCES; }
 
 bool renameNoReplace(const std::string& from, const std::string& to) {
     if (::syscall(SYS_renameat2, AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0)
