@@ -91,7 +91,8 @@ std::vector<std::string> matchNames(const std::string& directory, const std::str
 // ---- raw files ------------------------------------------------------------------------------
 
 enum class OpenMode : std::uint8_t {
-    Read,           // existing file, read only
+    Read,           // existing file, read only (opening never waits on a FIFO)
+    ReadRegular,    // as Read, but anything other than a regular file is refused at open
     WriteTruncate,  // create or truncate, write only
     ReadWrite,      // create if missing, keep contents
     Append,         // create if missing, writes go to the end
