@@ -16,10 +16,13 @@
 namespace archivetest {
 
 Bytes toBytes(std::string_view s) { return Bytes(s.begin(), s.end()); }
+Bytes readBytes(const std::filesystem::path& path) { return toBytes(testsupport::readFile(path)); }
 
-Bytes deflateRaw(std::string_view data, int level) {
+namespace {
+
+Bytes deflateRaw(std::string_view data) {
     z_stream z{};
-    deflateInit2(&z, level, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY);
+    deflateInit2(&z, 6, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY);
     Bytes out(deflateBound(&z, static_cast<uLong>(data.size())) + 16);
     z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
     z.avail_in = static_cast<uInt>(data.size());
@@ -33,15 +36,24 @@ Bytes deflateRaw(std::string_view data, int level) {
 
 Bytes zstdCompress(std::string_view data) {
     Bytes out(ZSTD_compressBound(data.size()));
-    const std::size_t n = ZSTD_compress(out.data(), out.size(), data.data(), data.size(), 3);
-    out.resize(ZSTD_isError(n) ? 0 : n);
+    out.resize(ZSTD_compress(out.data(), out.size(), data.data(), data.size(), 3));
     return out;
 }
 
-std::uint32_t crcOf(std::string_view data) {
-    return static_cast<std::uint32_t>(
-        crc32(0, reinterpret_cast<const Bytef*>(data.data()), static_cast<uInt>(data.size())));
+void appendCentralDirectory(Bytes& out, const std::vector<std::string>& names) {
+    bytes::Writer w(out);
+    const std::size_t start = out.size();
+    for (const auto& name : names) {
+        w.u32(0x02014b50).u16(0x031e).u16(20).u16(0).u16(0).u16(0).u16(0).u32(0).u32(0).u32(0);
+        w.u16(static_cast<std::uint16_t>(name.size())).u16(0).u16(0).u16(0).u16(0).u32(0).u32(0).raw(name);
+    }
+    const std::size_t size = out.size() - start;
+    w.u32(0x06054b50).u16(0).u16(0).u16(static_cast<std::uint16_t>(names.size()));
+    w.u16(static_cast<std::uint16_t>(names.size())).u32(static_cast<std::uint32_t>(size));
+    w.u32(static_cast<std::uint32_t>(start)).u16(0);
 }
+
+}  // namespace
 
 void appendEntry(Bytes& out, const HandEntry& e) {
     Bytes payload;
@@ -54,8 +66,9 @@ void appendEntry(Bytes& out, const HandEntry& e) {
     } else {
         payload = toBytes(e.data);
     }
-    const std::uint32_t crc = e.crc.value_or(crcOf(e.data));
-    const std::uint64_t usize = e.headerUncompressedSize.value_or(e.descriptor ? 0 : e.data.size());
+    const std::uint32_t crc = e.crc.value_or(static_cast<std::uint32_t>(
+        crc32(0, reinterpret_cast<const Bytef*>(e.data.data()), static_cast<uInt>(e.data.size()))));
+    const std::uint64_t usize = e.descriptor ? 0 : e.data.size();
     const std::uint64_t csize = e.descriptor ? 0 : payload.size();
     Bytes extra;
     if (e.zip64) {
@@ -77,19 +90,6 @@ void appendEntry(Bytes& out, const HandEntry& e) {
             w.u32(static_cast<std::uint32_t>(payload.size())).u32(static_cast<std::uint32_t>(e.data.size()));
         }
     }
-}
-
-void appendCentralDirectory(Bytes& out, const std::vector<std::string>& names) {
-    bytes::Writer w(out);
-    const std::size_t start = out.size();
-    for (const auto& name : names) {
-        w.u32(0x02014b50).u16(0x031e).u16(20).u16(0).u16(0).u16(0).u16(0).u32(0).u32(0).u32(0);
-        w.u16(static_cast<std::uint16_t>(name.size())).u16(0).u16(0).u16(0).u16(0).u32(0).u32(0).raw(name);
-    }
-    const std::size_t size = out.size() - start;
-    w.u32(0x06054b50).u16(0).u16(0).u16(static_cast<std::uint16_t>(names.size()));
-    w.u16(static_cast<std::uint16_t>(names.size())).u32(static_cast<std::uint32_t>(size));
-    w.u32(static_cast<std::uint32_t>(start)).u16(0);
 }
 
 Bytes buildArchive(const std::vector<HandEntry>& entries, bool withCentralDirectory) {
@@ -127,18 +127,12 @@ UnpackOutcome unpackInto(const Bytes& archive, const std::string& target, const 
     while (at < archive.size()) {
         const std::size_t n = std::min(chunker(), archive.size() - at);
         const std::int32_t rc = mz_stream_write(stream.get(), archive.data() + at, static_cast<std::int32_t>(n));
-        if (rc == MZ_END_OF_STREAM) {
-            outcome.reachedEnd = true;
-            break;
-        }
         if (rc < 0) {
-            outcome.firstFailure = rc;
+            if (rc != MZ_END_OF_STREAM) outcome.firstFailure = rc;
             break;
         }
         at += n;
     }
-    outcome.bytesWritten = at;
-    outcome.errorAfter = mz_stream_error(stream.get());
     outcome.closeResult = mz_stream_close(stream.get());
     return outcome;
 }
@@ -193,6 +187,5 @@ void makeSampleTree(const std::filesystem::path& root) {
     testsupport::writeFile(root / "docs" / "\xc3\xbcn\xc3\xaf c\xc3\xb6" "d\xc3\xa9.txt", "utf-8 name\n");
 }
 
-Bytes readBytes(const std::filesystem::path& path) { return toBytes(testsupport::readFile(path)); }
 
 }  // namespace archivetest
