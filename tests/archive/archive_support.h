@@ -30,7 +30,7 @@ struct HandEntry {
 
 // Local header + payload (+ descriptor) of one entry.
 void appendEntry(Bytes& out, const HandEntry& entry);
-// The entries, then (optionally) a central directory naming them and the end record.
+// The entries, then (optionally) an empty central directory: its end record alone.
 Bytes buildArchive(const std::vector<HandEntry>& entries, bool withCentralDirectory = true);
 
 // Chunk sizes: a function returning the next chunk size.

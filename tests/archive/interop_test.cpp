@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <memory>
 #include <string>
 
 #include "archive_support.h"
@@ -35,30 +34,21 @@ const std::pair<const char*, Chunker> kChunkings[] = {
     {"random", randomChunks(2024, 140000)},
 };
 
-class ToolArchives : public ::testing::TestWithParam<std::tuple<int, int>> {
-protected:
-    static void SetUpTestSuite() {
-        work_ = std::make_unique<testsupport::TempDir>();
-        makeSampleTree(work_->path() / "src");
-    }
-    static void TearDownTestSuite() { work_.reset(); }
-    static inline std::unique_ptr<testsupport::TempDir> work_;
-};
+class ToolArchives : public ::testing::TestWithParam<std::tuple<int, int>> {};
 
 TEST_P(ToolArchives, UnpackIntoTheSameTree) {
     const auto& [label, command] = kWriters[std::get<0>(GetParam())];
     const std::string tool = std::string(command).substr(0, std::string(command).find(' '));
     if (!haveTool(tool)) GTEST_SKIP() << tool << " is not installed";
-    const fs::path dir = work_->path() / (std::string(label) + std::to_string(std::get<1>(GetParam())));
-    fs::create_directories(dir / "target");
-    fs::copy(work_->path() / "src", dir / "src", fs::copy_options::recursive);
-    ASSERT_EQ(shell(command, dir.string()), 0);
-
-    const auto outcome = unpackInto(readBytes(dir / "out.zip"), (dir / "target").string(),
+    testsupport::TempDir work;
+    makeSampleTree(work / "src");
+    fs::create_directory(work / "target");
+    ASSERT_EQ(shell(command, work.str()), 0);
+    const auto outcome = unpackInto(readBytes(work / "out.zip"), (work / "target").string(),
                                     kChunkings[std::get<1>(GetParam())].second);
     EXPECT_EQ(outcome.firstFailure, 0);
     EXPECT_EQ(outcome.closeResult, 0);
-    EXPECT_EQ(imageOf(dir / "target" / "src"), imageOf(work_->path() / "src"));
+    EXPECT_EQ(imageOf(work / "target" / "src"), imageOf(work / "src"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Writers, ToolArchives,
