@@ -60,15 +60,11 @@ Bytes buildArchive(const std::vector<HandEntry>& entries, bool withCentralDirect
     return out;
 }
 
-Chunker fixedChunks(std::size_t size) {
-    return [size] { return size; };
-}
+Chunker fixedChunks(std::size_t size) { return [size] { return size; }; }
 
 Chunker randomChunks(std::uint32_t seed, std::size_t maxSize) {
     auto engine = std::make_shared<std::mt19937>(seed);
-    return [engine, maxSize] {
-        return std::uniform_int_distribution<std::size_t>(1, maxSize)(*engine);
-    };
+    return [engine, maxSize] { return std::uniform_int_distribution<std::size_t>(1, maxSize)(*engine); };
 }
 
 UnpackOutcome unpackInto(const Bytes& archive, const std::string& target, const Chunker& chunker) {
@@ -100,11 +96,8 @@ TreeImage imageOf(const std::filesystem::path& root) {
     for (auto it = std::filesystem::recursive_directory_iterator(root, ec);
          !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
         const std::string rel = std::filesystem::relative(it->path(), root, ec).generic_string();
-        if (it->is_directory(ec)) {
-            image[rel + "/"] = "";
-        } else {
-            image[rel] = testsupport::readFile(it->path());
-        }
+        const bool directory = it->is_directory(ec);
+        image[directory ? rel + "/" : rel] = directory ? "" : testsupport::readFile(it->path());
     }
     return image;
 }

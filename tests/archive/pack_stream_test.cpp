@@ -57,34 +57,24 @@ TEST(PackStream, PeersAndTheUnpackStreamRestoreThePackedTree) {
     EXPECT_EQ(shell("unzip -tq out.zip && bsdtar -tf out.zip >/dev/null", work.str()), 0);
     ASSERT_EQ(shell("unzip -q out.zip -d x", work.str()), 0);
     EXPECT_EQ(imageOf(work / "x"), imageOf(work / "tree"));
-    for (const auto& chunker : {fixedChunks(1), randomChunks(3, 70000)}) {
-        TempDir out;
-        const auto outcome = unpackInto(archive, out.str(), chunker);
-        EXPECT_EQ(outcome.firstFailure, 0);
-        EXPECT_EQ(outcome.closeResult, 0);
-        EXPECT_EQ(imageOf(out.path()), imageOf(work / "tree"));
-    }
-}
-
-TEST(PackStream, AnEmptyDirectoryIsJustTheEndRecord) {
-    TempDir work;
-    MzStreamPtr stream(createDirPackStream());
-    ASSERT_EQ(mz_stream_open(stream.get(), work.str().c_str(), MZ_OPEN_MODE_READ), MZ_OK);
-    std::uint8_t buffer[100];
-    ASSERT_EQ(mz_stream_read(stream.get(), buffer, sizeof buffer), 22);
-    EXPECT_EQ(bytes::get32(buffer, 0), 0x06054b50u);
-    EXPECT_EQ(mz_stream_read(stream.get(), buffer, sizeof buffer), MZ_END_OF_STREAM);
-    EXPECT_EQ(mz_stream_read(stream.get(), buffer, sizeof buffer), MZ_END_OF_STREAM);
+    EXPECT_EQ(unpacked(archive), imageOf(work / "tree"));
 }
 
 TEST(PackStream, OpeningChecksTheDirectoryAndAStreamIsReusable) {
     TempDir work;
-    testsupport::writeFile(work / "file", "x");
     MzStreamPtr stream(createDirPackStream());
     void* s = stream.get();
     std::uint8_t buffer[1000];
     EXPECT_EQ(mz_stream_read(s, buffer, 1), MZ_STREAM_ERROR);
     EXPECT_EQ(mz_stream_open(s, (work / "missing").c_str(), MZ_OPEN_MODE_READ), MZ_OPEN_ERROR);
+    // An empty directory is just the end record.
+    ASSERT_EQ(mz_stream_open(s, work.str().c_str(), MZ_OPEN_MODE_READ), MZ_OK);
+    ASSERT_EQ(mz_stream_read(s, buffer, sizeof buffer), 22);
+    EXPECT_EQ(bytes::get32(buffer, 0), 0x06054b50u);
+    EXPECT_EQ(mz_stream_read(s, buffer, sizeof buffer), MZ_END_OF_STREAM);
+    EXPECT_EQ(mz_stream_read(s, buffer, sizeof buffer), MZ_END_OF_STREAM);
+    EXPECT_EQ(mz_stream_close(s), MZ_OK);
+    testsupport::writeFile(work / "file", "x");
     EXPECT_EQ(mz_stream_open(s, (work / "file").c_str(), MZ_OPEN_MODE_READ), MZ_OPEN_ERROR);
     // Closed early, then reused for a full archive.
     ASSERT_EQ(mz_stream_open(s, work.str().c_str(), MZ_OPEN_MODE_READ), MZ_OK);

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <zstd.h>
-
 #include <filesystem>
 #include <optional>
 #include <iterator>
@@ -13,6 +11,7 @@
 #include "archive/dir_unpack_stream.h"
 #include "archive/mz_stream.h"
 #include "archive_support.h"
+#include "common/bytes.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -31,20 +30,12 @@ std::string repeatText(std::size_t n) {
     return s;
 }
 
-// A zstd frame that declares its window instead of its content size.
+// A zstd frame that declares a window of 2^windowLog bytes instead of its content size and holds
+// the data in one raw block.
 Bytes zstdWithWindow(const std::string& data, int windowLog) {
-    ZSTD_CCtx* context = ZSTD_createCCtx();
-    ZSTD_CCtx_setParameter(context, ZSTD_c_windowLog, windowLog);
-    ZSTD_CCtx_setParameter(context, ZSTD_c_contentSizeFlag, 0);
-    Bytes out(ZSTD_compressBound(data.size()) + 64);
-    // Streamed, so the compressor cannot shrink the window to the (unknown) size.
-    ZSTD_inBuffer in{data.data(), data.size(), 0};
-    ZSTD_outBuffer o{out.data(), out.size(), 0};
-    ZSTD_compressStream2(context, &o, &in, ZSTD_e_continue);
-    while (ZSTD_compressStream2(context, &o, &in, ZSTD_e_end) > 0) {
-    }
-    ZSTD_freeCCtx(context);
-    out.resize(o.pos);
+    Bytes out;
+    bytes::Writer(out).u32(0xFD2FB528).u8(0).u8(static_cast<std::uint8_t>((windowLog - 10) << 3))
+        .u16(static_cast<std::uint16_t>(data.size() << 3 | 1)).u8(static_cast<std::uint8_t>(data.size() >> 13)).raw(data);
     return out;
 }
 
