@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <optional>
 #include <iterator>
+#include <optional>
 #include <span>
 #include <string>
 #include <utility>
