@@ -4,153 +4,86 @@
 #include <zstd.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <random>
+
+#include <sys/wait.h>
 
 #include "archive/dir_unpack_stream.h"
 #include "archive/mz_stream.h"
 #include "common/bytes.h"
-#include "support/process.h"
 #include "support/temp_dir.h"
 
 namespace archivetest {
 
 Bytes toBytes(std::string_view s) { return Bytes(s.begin(), s.end()); }
-
-Bytes deflateRaw(std::string_view data, int level) {
-    z_stream z{};
-    deflateInit2(&z, level, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY);
-    Bytes out(deflateBound(&z, static_cast<uLong>(data.size())) + 16);
-    z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
-    z.avail_in = static_cast<uInt>(data.size());
-    z.next_out = out.data();
-    z.avail_out = static_cast<uInt>(out.size());
-    deflate(&z, Z_FINISH);
-    out.resize(z.total_out);
-    deflateEnd(&z);
-    return out;
-}
-
-Bytes zstdCompress(std::string_view data) {
-    Bytes out(ZSTD_compressBound(data.size()));
-    const std::size_t n = ZSTD_compress(out.data(), out.size(), data.data(), data.size(), 3);
-    out.resize(ZSTD_isError(n) ? 0 : n);
-    return out;
-}
-
-std::uint32_t crcOf(std::string_view data) {
-    return static_cast<std::uint32_t>(
-        crc32(0, reinterpret_cast<const Bytef*>(data.data()), static_cast<uInt>(data.size())));
-}
+Bytes readBytes(const std::filesystem::path& path) { return toBytes(testsupport::readFile(path)); }
 
 void appendEntry(Bytes& out, const HandEntry& e) {
-    Bytes payload;
+    Bytes payload = toBytes(e.data);
     if (e.payload) {
         payload = *e.payload;
-    } else if (e.method == 8) {
-        payload = deflateRaw(e.data);
+    } else if (e.method == 8) {  // zlib's format less its 2-byte header and 4-byte checksum
+        uLongf size = compressBound(static_cast<uLong>(e.data.size()));
+        payload.resize(size);
+        compress(payload.data(), &size, reinterpret_cast<const Bytef*>(e.data.data()), static_cast<uLong>(e.data.size()));
+        payload = Bytes(payload.begin() + 2, payload.begin() + static_cast<std::ptrdiff_t>(size) - 4);
     } else if (e.method == 93) {
-        payload = zstdCompress(e.data);
-    } else {
-        payload = toBytes(e.data);
+        payload.resize(ZSTD_compressBound(e.data.size()));
+        payload.resize(ZSTD_compress(payload.data(), payload.size(), e.data.data(), e.data.size(), 3));
     }
-    const std::uint32_t crc = e.crc.value_or(crcOf(e.data));
-    const std::uint64_t usize = e.headerUncompressedSize.value_or(e.descriptor ? 0 : e.data.size());
+    const std::uint32_t crc = e.crc.value_or(static_cast<std::uint32_t>(
+        crc32(0, reinterpret_cast<const Bytef*>(e.data.data()), static_cast<uInt>(e.data.size()))));
+    const std::uint64_t usize = e.descriptor ? 0 : e.data.size();
     const std::uint64_t csize = e.descriptor ? 0 : payload.size();
-    Bytes extra;
-    if (e.zip64) {
-        bytes::Writer x(extra);
-        x.u16(1).u16(16).u64(usize).u64(csize);
-    }
     bytes::Writer w(out);
     w.u32(0x04034b50).u16(e.zip64 ? 45 : 20).u16(e.descriptor ? 0x08 : 0).u16(e.method).u16(0).u16(0x21);
     w.u32(e.descriptor ? 0 : crc);
     w.u32(e.zip64 ? 0xFFFFFFFFu : static_cast<std::uint32_t>(csize));
     w.u32(e.zip64 ? 0xFFFFFFFFu : static_cast<std::uint32_t>(usize));
-    w.u16(static_cast<std::uint16_t>(e.name.size())).u16(static_cast<std::uint16_t>(extra.size()));
-    w.raw(e.name).raw(extra).raw(payload);
-    if (e.descriptor) {
-        w.u32(0x08074b50).u32(crc);
-        if (e.zip64) {
-            w.u64(payload.size()).u64(e.data.size());
-        } else {
-            w.u32(static_cast<std::uint32_t>(payload.size())).u32(static_cast<std::uint32_t>(e.data.size()));
-        }
+    w.u16(static_cast<std::uint16_t>(e.name.size())).u16(e.zip64 ? 20 : 0).raw(e.name);
+    if (e.zip64) w.u16(1).u16(16).u64(usize).u64(csize);
+    w.raw(payload);
+    if (e.descriptor && e.zip64) w.u32(0x08074b50).u32(crc).u64(payload.size()).u64(e.data.size());
+    if (e.descriptor && !e.zip64) {
+        w.u32(0x08074b50).u32(crc).u32(static_cast<std::uint32_t>(payload.size()));
+        w.u32(static_cast<std::uint32_t>(e.data.size()));
     }
-}
-
-void appendCentralDirectory(Bytes& out, const std::vector<std::string>& names) {
-    bytes::Writer w(out);
-    const std::size_t start = out.size();
-    for (const auto& name : names) {
-        w.u32(0x02014b50).u16(0x031e).u16(20).u16(0).u16(0).u16(0).u16(0).u32(0).u32(0).u32(0);
-        w.u16(static_cast<std::uint16_t>(name.size())).u16(0).u16(0).u16(0).u16(0).u32(0).u32(0).raw(name);
-    }
-    const std::size_t size = out.size() - start;
-    w.u32(0x06054b50).u16(0).u16(0).u16(static_cast<std::uint16_t>(names.size()));
-    w.u16(static_cast<std::uint16_t>(names.size())).u32(static_cast<std::uint32_t>(size));
-    w.u32(static_cast<std::uint32_t>(start)).u16(0);
 }
 
 Bytes buildArchive(const std::vector<HandEntry>& entries, bool withCentralDirectory) {
     Bytes out;
-    std::vector<std::string> names;
-    for (const auto& e : entries) {
-        appendEntry(out, e);
-        names.push_back(e.name);
-    }
-    if (withCentralDirectory) appendCentralDirectory(out, names);
+    for (const auto& e : entries) appendEntry(out, e);
+    // The unpack stream stops at the first central directory record, so an empty central
+    // directory (the end record alone) closes any archive.
+    const auto start = static_cast<std::uint32_t>(out.size());
+    if (withCentralDirectory) bytes::Writer(out).u32(0x06054b50).u32(0).u32(0).u32(0).u32(start).u16(0);
     return out;
 }
 
-Chunker fixedChunks(std::size_t size) {
-    return [size] { return size; };
-}
+Chunker fixedChunks(std::size_t size) { return [size] { return size; }; }
 
 Chunker randomChunks(std::uint32_t seed, std::size_t maxSize) {
     auto engine = std::make_shared<std::mt19937>(seed);
-    return [engine, maxSize] {
-        return std::uniform_int_distribution<std::size_t>(1, maxSize)(*engine);
-    };
+    return [engine, maxSize] { return std::uniform_int_distribution<std::size_t>(1, maxSize)(*engine); };
 }
 
 UnpackOutcome unpackInto(const Bytes& archive, const std::string& target, const Chunker& chunker) {
-    UnpackOutcome outcome;
     MzStreamPtr stream(createDirUnpackStream());
-    const std::int32_t opened =
-        mz_stream_open(stream.get(), target.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE);
-    if (opened != MZ_OK) {
-        outcome.firstFailure = opened;
-        return outcome;
-    }
-    std::size_t at = 0;
-    while (at < archive.size()) {
+    UnpackOutcome outcome{mz_stream_open(stream.get(), target.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE)};
+    for (std::size_t at = 0; outcome.firstFailure == MZ_OK && at < archive.size();) {
         const std::size_t n = std::min(chunker(), archive.size() - at);
         const std::int32_t rc = mz_stream_write(stream.get(), archive.data() + at, static_cast<std::int32_t>(n));
-        if (rc == MZ_END_OF_STREAM) {
-            outcome.reachedEnd = true;
-            break;
-        }
-        if (rc < 0) {
-            outcome.firstFailure = rc;
-            break;
-        }
+        if (rc == MZ_END_OF_STREAM) break;
+        outcome.firstFailure = std::min(rc, 0);
         at += n;
     }
-    outcome.bytesWritten = at;
-    outcome.errorAfter = mz_stream_error(stream.get());
     outcome.closeResult = mz_stream_close(stream.get());
     return outcome;
 }
 
 int shell(const std::string& command, const std::string& directory) {
-    testsupport::RunOptions options;
-    options.args = {"-c", command};
-    options.workingDirectory = directory;
-    options.timeout = std::chrono::milliseconds(120000);
-    const auto result = testsupport::run("/bin/sh", options);
-    if (result.exitCode != 0) std::fprintf(stderr, "command failed: %s\n%s", command.c_str(), result.err.c_str());
-    return result.exitCode;
+    const int status = std::system(("cd '" + directory + "' && " + command).c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 bool haveTool(const std::string& name) {
@@ -163,11 +96,8 @@ TreeImage imageOf(const std::filesystem::path& root) {
     for (auto it = std::filesystem::recursive_directory_iterator(root, ec);
          !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
         const std::string rel = std::filesystem::relative(it->path(), root, ec).generic_string();
-        if (it->is_directory(ec)) {
-            image[rel + "/"] = "";
-        } else {
-            image[rel] = testsupport::readFile(it->path());
-        }
+        const bool directory = it->is_directory(ec);
+        image[directory ? rel + "/" : rel] = directory ? "" : testsupport::readFile(it->path());
     }
     return image;
 }
@@ -193,6 +123,5 @@ void makeSampleTree(const std::filesystem::path& root) {
     testsupport::writeFile(root / "docs" / "\xc3\xbcn\xc3\xaf c\xc3\xb6" "d\xc3\xa9.txt", "utf-8 name\n");
 }
 
-Bytes readBytes(const std::filesystem::path& path) { return toBytes(testsupport::readFile(path)); }
 
 }  // namespace archivetest

@@ -14,11 +14,8 @@
 namespace archivetest {
 
 using Bytes = std::vector<std::uint8_t>;
-
 Bytes toBytes(std::string_view s);
-Bytes deflateRaw(std::string_view data, int level = 6);
-Bytes zstdCompress(std::string_view data);
-std::uint32_t crcOf(std::string_view data);
+Bytes readBytes(const std::filesystem::path& path);
 
 // One entry of a hand-built archive.
 struct HandEntry {
@@ -29,13 +26,11 @@ struct HandEntry {
     bool descriptor = false;             // flag bit 3, zero sizes and CRC in the header, descriptor after
     bool zip64 = false;                  // a zip64 extra record (and a 64-bit descriptor)
     std::optional<std::uint32_t> crc;    // default: CRC-32 of data
-    std::optional<std::uint32_t> headerUncompressedSize;  // default: data size (0 with descriptor)
 };
 
 // Local header + payload (+ descriptor) of one entry.
 void appendEntry(Bytes& out, const HandEntry& entry);
-// A central directory for the given names and the end record.
-void appendCentralDirectory(Bytes& out, const std::vector<std::string>& names);
+// The entries, then (optionally) an empty central directory: its end record alone.
 Bytes buildArchive(const std::vector<HandEntry>& entries, bool withCentralDirectory = true);
 
 // Chunk sizes: a function returning the next chunk size.
@@ -45,14 +40,10 @@ Chunker randomChunks(std::uint32_t seed, std::size_t maxSize);
 
 struct UnpackOutcome {
     std::int32_t firstFailure = 0;  // first negative write result but the end, 0 when none
-    bool reachedEnd = false;        // a write reported the end of the archive
-    std::size_t bytesWritten = 0;   // bytes handed over before the first failure
     std::int32_t closeResult = 0;
-    std::int32_t errorAfter = 0;    // mz_stream_error before close
 };
-// Opens a fresh unpack stream on `target` and writes the archive in the chunking, stopping at the
-// first negative result (the end of the archive
-// included); then closes it.
+// Opens a fresh unpack stream on `target`, writes the archive in the chunking until the end of
+// the archive or the first failure, then closes it.
 UnpackOutcome unpackInto(const Bytes& archive, const std::string& target, const Chunker& chunker);
 
 // Runs a shell command line in `directory`; its exit code.
@@ -66,7 +57,5 @@ TreeImage imageOf(const std::filesystem::path& root);
 // A sample tree of nested directories, text, binary and compressible files, a UTF-8 name and an
 // empty directory; no empty files.
 void makeSampleTree(const std::filesystem::path& root);
-
-Bytes readBytes(const std::filesystem::path& path);
 
 }  // namespace archivetest

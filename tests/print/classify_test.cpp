@@ -3,129 +3,76 @@
 #include <sys/stat.h>
 
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "print/classify.h"
 #include "support/temp_dir.h"
 
 namespace {
 
+using namespace std::string_literals;
+
 int classify(std::string_view text) {
     return classifyBuffer(std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()));
 }
 
-using namespace std::string_literals;
-
-TEST(ClassifyPlainText, ShortFilesSkipTheirLastByteInTheAsciiTest) {
-    EXPECT_EQ(classify("abc"), PrintContentText);
-    EXPECT_EQ(classify(""), PrintContentText);
-    EXPECT_EQ(classify("\x01"), PrintContentText);
-    // Only "ab" is looked at by the ASCII test, and the UTF-8 test allows no NUL: the NUL at the
-    // end slips through because the ASCII test already said text.
-    EXPECT_EQ(classify("ab\0"s), PrintContentText);
-    EXPECT_EQ(classify("line one\r\n\tline two\f\v"), PrintContentText);
+TEST(Classify, BuffersByClass) {
+    const std::vector<std::tuple<int, char, std::vector<std::string>>> cases = {
+        {PrintContentText, 't',
+         {"abc", "", "\x01", "line one\r\n\tline two\f\v",
+          // A short buffer's last byte is left out of the ASCII test, and it alone decides.
+          "ab\0"s,
+          // UTF-8 with accents, 0x7F, backspace, and a sequence cut by the end.
+          "caf\xC3\xA9 cr\xC3\xA8me br\xC3\xBBl\xC3\xA9" "e\n", "\xE2\x82\xAC 10 and \xF0\x9F\x98\x80!\n",
+          "a\x7F" "bc\n", "\xC3\xA9\x08 ok\n", "\xC3\xA9 text \xE2\x82", "\xC3\xA9 text \xF0",
+          // The text tests come before the signatures.
+          "%PDF-1.4\n1 0 obj\n", "%", " %!PS"}},
+        {PrintContentBinary, 'b',
+         {"caf\xE9 au lait\n", "abc\0def\n"s, "\xC3\xA9\x1B[0m\n", "\xC3\xA9\x07\n", "\x80 stray continuation\n",
+          "\xF8\x88\x80\x80\x80\n", "\xC3\xA9 text \xE2" "A", "%PDF\x01\x02", "GIF88a\x01\x00\x01\x00\x00\xff"s}},
+        {PrintContentEps, 'p', {"%!PS-Adobe-3.0 EPSF-3.0\n%%BoundingBox: 0 0 10 10\n", "%!PS-Adobe-3.0\t \r\nEPSF"}},
+        // EPSF must be the whole second word, with at least 4 bytes left for it.
+        {PrintContentPostScript, 'p', {"%!PS-Adobe-3.0\n%%Pages: 1\n", "%!PS-Adobe-3.0 EPS", "%!"}},
+        {PrintContentPdf, 'a', {"%PDF-1.7\n%\xE2\xE3\xCF\xD3\n1 0 obj\n"}},
+        {PrintContentGif, 'b', {"GIF89a\x10\x00\x10\x00\x80\x00\x00"s, "GIF87a\x01\x00\x01\x00\x00\xff"s}},
+    };
+    for (const auto& [kind, letter, texts] : cases) {
+        EXPECT_EQ(printTypeLetter(kind), letter) << kind;
+        for (const auto& text : texts) EXPECT_EQ(classify(text), kind) << testing::PrintToString(text);
+    }
 }
 
-TEST(ClassifyPlainText, Utf8WithAccentsIsText) {
-    EXPECT_EQ(classify("caf\xC3\xA9 cr\xC3\xA8me br\xC3\xBBl\xC3\xA9" "e\n"), PrintContentText);
-    EXPECT_EQ(classify("\xE2\x82\xAC 10 and \xF0\x9F\x98\x80!\n"), PrintContentText);
-    // 0x7F fails the ASCII test but the UTF-8 table lets it pass.
-    EXPECT_EQ(classify("a\x7F" "bc\n"), PrintContentText);
-}
-
-TEST(ClassifyPlainText, Utf8SequenceCutByTheEndIsJudgedOnWhatIsThere) {
-    EXPECT_EQ(classify("\xC3\xA9 text \xE2\x82"), PrintContentText);
-    EXPECT_EQ(classify("\xC3\xA9 text \xF0"), PrintContentText);
-    EXPECT_EQ(classify("\xC3\xA9 text \xE2" "A"), PrintContentBinary);
-}
-
-TEST(ClassifyBinary, Latin1AccentFollowedByALetterIsBinary) {
-    EXPECT_EQ(classify("caf\xE9 au lait\n"), PrintContentBinary);
-    EXPECT_EQ(printTypeLetter(classify("caf\xE9 au lait\n")), 'b');
-}
-
-TEST(ClassifyBinary, ControlBytesOutsideTheTableAreBinary) {
-    EXPECT_EQ(classify("abc\0def\n"s), PrintContentBinary);
-    EXPECT_EQ(classify("\xC3\xA9\x1B[0m\n"), PrintContentBinary);   // escape
-    EXPECT_EQ(classify("\xC3\xA9\x07\n"), PrintContentBinary);      // bell
-    EXPECT_EQ(classify("\xC3\xA9\x08 ok\n"), PrintContentText);     // backspace is allowed
-    EXPECT_EQ(classify("\x80 stray continuation\n"), PrintContentBinary);
-    EXPECT_EQ(classify("\xF8\x88\x80\x80\x80\n"), PrintContentBinary);  // five-byte lead
-}
-
-TEST(ClassifyPostScript, EpsNeedsEpsfAsTheSecondWord) {
-    EXPECT_EQ(classify("%!PS-Adobe-3.0 EPSF-3.0\n%%BoundingBox: 0 0 10 10\n"), PrintContentEps);
-    EXPECT_EQ(classify("%!PS-Adobe-3.0\t \r\nEPSF"), PrintContentEps);
-    EXPECT_EQ(classify("%!PS-Adobe-3.0\n%%Pages: 1\n"), PrintContentPostScript);
-    EXPECT_EQ(classify("%!PS-Adobe-3.0 EPS"), PrintContentPostScript);  // fewer than 4 bytes left
-    EXPECT_EQ(classify("%!"), PrintContentPostScript);
-    EXPECT_EQ(classify("%"), PrintContentText);
-    EXPECT_EQ(classify(" %!PS"), PrintContentText);
-    for (int kind : {PrintContentPostScript, PrintContentEps}) EXPECT_EQ(printTypeLetter(kind), 'p');
-}
-
-TEST(ClassifySignatures, PdfWithBinaryBytesIsPdf) {
-    EXPECT_EQ(classify("%PDF-1.7\n%\xE2\xE3\xCF\xD3\n1 0 obj\n"), PrintContentPdf);
-    EXPECT_EQ(printTypeLetter(PrintContentPdf), 'a');
-    // A PDF that is all text is text: the text tests come first.
-    EXPECT_EQ(classify("%PDF-1.4\n1 0 obj\n"), PrintContentText);
-    EXPECT_EQ(classify("%PDF\x01\x02"), PrintContentBinary);
-}
-
-TEST(ClassifySignatures, GifIsRecognisedButRefused) {
-    EXPECT_EQ(classify("GIF89a\x10\x00\x10\x00\x80\x00\x00"s), PrintContentGif);
-    EXPECT_EQ(classify("GIF87a\x01\x00\x01\x00\x00\xff"s), PrintContentGif);
-    EXPECT_EQ(classify("GIF88a\x01\x00\x01\x00\x00\xff"s), PrintContentBinary);
-    EXPECT_EQ(printTypeLetter(PrintContentGif), 'b');
-    EXPECT_EQ(printTypeLetter(PrintContentBinary), 'b');
-}
-
-TEST(ClassifyWindow, TheAsciiTestLooksAtThe512ByteWindowOnly) {
+TEST(Classify, TheAsciiTestLooksAtThe512ByteWindowOnly) {
     std::string data(1000, 'x');
     data[511] = '\x01';
     EXPECT_EQ(classify(data), PrintContentBinary);
     data[511] = 'x';
-    data[512] = '\x01';  // past the window, but the UTF-8 test scans every byte it is given
-    EXPECT_EQ(classify(data), PrintContentText) << "ASCII test alone decides";
+    data[512] = '\x01';  // past the window: the ASCII test alone decides
+    EXPECT_EQ(classify(data), PrintContentText);
     data[100] = '\xC3';
-    data[101] = '\xA9';
-    EXPECT_EQ(classify(data), PrintContentBinary) << "UTF-8 test sees the control byte at 512";
-
-    std::string exact(512, 'y');
-    exact[511] = '\x01';  // a 512-byte buffer is examined to its last byte
-    EXPECT_EQ(classify(exact), PrintContentBinary);
-    std::string shorter(511, 'y');
-    shorter[510] = '\x01';  // a shorter one is not
-    EXPECT_EQ(classify(shorter), PrintContentText);
+    data[101] = '\xA9';  // now the UTF-8 test decides, and it scans every byte it is given
+    EXPECT_EQ(classify(data), PrintContentBinary);
+    // A 512-byte buffer is examined to its last byte, a shorter one is not.
+    EXPECT_EQ(classify(std::string(511, 'y') + '\x01'), PrintContentBinary);
+    EXPECT_EQ(classify(std::string(510, 'y') + '\x01'), PrintContentText);
 }
 
-class ClassifyFile : public ::testing::Test {
-protected:
+TEST(Classify, FilesByTheirFirstBytesAndNonRegularOnesUnopened) {
     testsupport::TempDir dir;
-    std::string put(const char* name, std::string_view content) {
-        testsupport::writeFile(dir / name, content);
-        return (dir / name).string();
-    }
-};
-
-TEST_F(ClassifyFile, LettersOfRegularFiles) {
-    EXPECT_EQ(classifyPrintFile(put("a.txt", "abc")), 't');
-    EXPECT_EQ(classifyPrintFile(put("e.eps", "%!PS-Adobe-3.0 EPSF-3.0\n")), 'p');
-    EXPECT_EQ(classifyPrintFile(put("d.pdf", "%PDF-1.7\n\xFF\xFE\x00\x01"s)), 'a');
-    EXPECT_EQ(classifyPrintFile(put("i.gif", "GIF89a\x00\x01"s)), 'b');
-    EXPECT_EQ(classifyPrintFile(put("empty", "")), 't');
-    // Only the first 512 bytes are read.
     std::string late(4096, 'z');
-    late[600] = '\0';
-    EXPECT_EQ(classifyPrintFile(put("late.txt", late)), 't');
-}
-
-TEST_F(ClassifyFile, AnythingButARegularFileIsBinaryWithoutBeingOpened) {
+    late[600] = '\0';  // only the first 512 bytes are read
+    for (const auto& [content, letter] : std::vector<std::pair<std::string, char>>{
+             {"abc", 't'}, {"", 't'}, {late, 't'}, {"%!PS-Adobe-3.0 EPSF-3.0\n", 'p'},
+             {"%PDF-1.7\n\xFF\xFE\x00\x01"s, 'a'}, {"GIF89a\x00\x01"s, 'b'}}) {
+        testsupport::writeFile(dir / "file", content);
+        EXPECT_EQ(classifyPrintFile((dir / "file").string()), letter) << testing::PrintToString(content);
+    }
     EXPECT_EQ(classifyPrintFile((dir / "missing").string()), 'b');
     EXPECT_EQ(classifyPrintFile(dir.str()), 'b');
     // Opening a FIFO for reading would block until a writer comes: this must return at once.
-    const std::string fifo = (dir / "fifo").string();
-    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-    EXPECT_EQ(classifyPrintFile(fifo), 'b');
+    ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
+    EXPECT_EQ(classifyPrintFile((dir / "fifo").string()), 'b');
 }
 
 }  // namespace
