@@ -44,7 +44,7 @@ TEST(FileTransferCommandLine, SendModesAnnounceThenSendEveryChunk) {
         const auto announce = far.nextReply();
         ASSERT_TRUE(announce);
         EXPECT_EQ(fieldsOf(*announce), Fields(1, c.objectType, c.openFlag, 10, c.size, c.a, c.local));
-        EXPECT_TRUE(announce->c.empty());
+        EXPECT_TRUE(announce->block.empty());
         std::size_t chunks = 0;
         EXPECT_EQ(far.pull(*announce, &chunks), content);
         EXPECT_EQ(chunks, (c.size + 131071) / 131072);

@@ -30,7 +30,7 @@ protected:
     void expectStatus(std::uint8_t requestKind, bool failed, const std::string& path) {
         const auto status = far.nextStatus();
         ASSERT_TRUE(status);
-        EXPECT_EQ(std::tie(status->requestKind, status->failed, status->path),
+        EXPECT_EQ(std::tie(status->requestKind, status->status, status->path),
                   std::make_tuple(requestKind, std::uint8_t{failed}, path));
         EXPECT_TRUE(failed || status->error.empty()) << status->error;
     }
@@ -183,9 +183,9 @@ TEST_F(Directories, SessionFetchOfADirectory) {
     send(8, local, 1);
     expectStatus(1, true, "");
     // A missing directory is a failed status of request kind 0.
-    start.b = (dir / "missing").string();
+    start.nameB = (dir / "missing").string();
     ASSERT_TRUE(far.send(start));
-    expectStatus(0, true, start.b);
+    expectStatus(0, true, start.nameB);
     EXPECT_EQ(far.close().exitCode, 0);
 }
 

@@ -34,19 +34,7 @@ Env quietEnvironment() {
 }
 
 Event echo(const Reply& r, std::uint8_t kind) {
-    return Event{r.direction, r.objectType, r.openFlag, kind, r.size, r.a, r.b, {}};
-}
-
-Bytes transferPayload(const Event& e, std::optional<std::uint16_t> lengthA, std::optional<std::uint16_t> lengthB,
-                      std::optional<std::uint32_t> dataLength) {
-    Bytes p;
-    bytes::Writer w(p);
-    w.u8(e.direction).u8(e.objectType).u8(e.openFlag).u8(e.kind).u64(e.size);
-    w.u16(lengthA.value_or(static_cast<std::uint16_t>(e.a.size())));
-    w.u16(lengthB.value_or(static_cast<std::uint16_t>(e.b.size())));
-    w.u32(dataLength.value_or(static_cast<std::uint32_t>(e.data.size())));
-    w.raw(e.a).raw(e.b).raw(e.data);
-    return p;
+    return Event{r.direction, r.objectType, r.openFlag, kind, r.size, r.nameA, r.nameB, {}};
 }
 
 FarSide::FarSide(loopback::ServerOptions options) { server_ = loopback::XServer::start(options, &error_); }
@@ -81,39 +69,18 @@ testsupport::RunResult FarSide::finish(std::chrono::milliseconds timeout) {
 
 std::optional<Reply> FarSide::nextReply(std::chrono::milliseconds timeout) {
     const auto request = server_->nextRequest(timeout);
-    if (!request || request->minor != 115) return std::nullopt;
-    bytes::Reader r(request->bytes, 4);
-    Reply reply;
-    reply.direction = r.u8();
-    reply.objectType = r.u8();
-    reply.openFlag = r.u8();
-    reply.kind = r.u8();
-    reply.size = r.u64();
-    const std::uint16_t la = r.u16(), lb = r.u16();
-    const std::uint32_t lc = r.u32();
-    reply.a = std::string(r.text(la));
-    reply.b = std::string(r.text(lb));
-    const auto c = r.bytes(lc);
-    reply.c.assign(c.begin(), c.end());
-    reply.wireSize = request->bytes.size();
-    if (!r.ok()) return std::nullopt;
-    return reply;
+    if (!request || request->minor != loopback::kFileTransferReply) return std::nullopt;
+    const auto reply = loopback::decodeTransferReply(request->bytes);
+    if (!reply) return std::nullopt;
+    return Reply{*reply, request->bytes.size()};
 }
 
 std::optional<Status> FarSide::nextStatus(std::chrono::milliseconds timeout) {
     const auto request = server_->nextRequest(timeout);
-    if (!request || request->minor != 119) return std::nullopt;
-    bytes::Reader r(request->bytes, 4);
-    Status status;
-    status.requestKind = r.u8();
-    status.failed = r.u8();
-    status.reserved = r.u16();
-    const std::uint32_t lp = r.u32(), le = r.u32();
-    status.path = std::string(r.text(lp));
-    status.error = std::string(r.text(le));
-    status.wireSize = request->bytes.size();
-    if (!r.ok()) return std::nullopt;
-    return status;
+    if (!request || request->minor != loopback::kFileTransferStatus) return std::nullopt;
+    const auto status = loopback::decodeTransferStatus(request->bytes);
+    if (!status) return std::nullopt;
+    return Status{*status, bytes::get16(request->bytes, 6), request->bytes.size()};
 }
 
 bool FarSide::quiet(std::chrono::milliseconds timeout) { return !server_->nextRequest(timeout).has_value(); }
@@ -133,18 +100,18 @@ Bytes FarSide::pull(const Reply& r, std::size_t* chunks) {
         const auto reply = (send(echo(r, 5)), nextReply());
         EXPECT_TRUE(reply);
         if (!reply || n > 10000) break;
-        EXPECT_EQ(std::tie(reply->direction, reply->objectType, reply->openFlag, reply->size, reply->a, reply->b),
-                  std::tie(r.direction, r.objectType, r.openFlag, r.size, r.a, r.b));
+        EXPECT_EQ(std::tie(reply->direction, reply->objectType, reply->openFlag, reply->size, reply->nameA, reply->nameB),
+                  std::tie(r.direction, r.objectType, r.openFlag, r.size, r.nameA, r.nameB));
         EXPECT_EQ(reply->wireSize % 4, 0u);
         if (reply->kind == 8) {
-            EXPECT_TRUE(reply->c.empty());
+            EXPECT_TRUE(reply->block.empty());
             if (chunks) *chunks = n;
             break;
         }
         EXPECT_EQ(reply->kind, 4);
-        EXPECT_GT(reply->c.size(), 0u);
-        EXPECT_LE(reply->c.size(), 131072u);
-        received.insert(received.end(), reply->c.begin(), reply->c.end());
+        EXPECT_GT(reply->block.size(), 0u);
+        EXPECT_LE(reply->block.size(), 131072u);
+        received.insert(received.end(), reply->block.begin(), reply->block.end());
     }
     return received;
 }
@@ -157,9 +124,9 @@ void FarSide::push(Event e, const Bytes& content, std::size_t chunk) {
         e.data.assign(content.begin() + static_cast<std::ptrdiff_t>(offset),
                       content.begin() + static_cast<std::ptrdiff_t>(offset + n));
         const Reply reply = ask(e, 5);
-        EXPECT_EQ(std::tie(reply.direction, reply.objectType, reply.size, reply.a, reply.b),
-                  std::tie(e.direction, e.objectType, e.size, e.a, e.b));
-        EXPECT_TRUE(reply.c.empty());
+        EXPECT_EQ(std::tie(reply.direction, reply.objectType, reply.size, reply.nameA, reply.nameB),
+                  std::tie(e.direction, e.objectType, e.size, e.nameA, e.nameB));
+        EXPECT_TRUE(reply.block.empty());
         offset += n;
     } while (offset < content.size());
 }

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "support/process.h"
+#include "far_protocol.h"
 #include "x_server.h"
 
 namespace fttest {
@@ -22,41 +23,23 @@ using Bytes = std::vector<std::uint8_t>;
 using Env = std::map<std::string, std::optional<std::string>>;
 using namespace std::chrono_literals;
 
-// A FileTransferReply as the far side received it.
-struct Reply {
-    std::uint8_t direction = 0, objectType = 0, openFlag = 0, kind = 0;
-    std::uint64_t size = 0;
-    std::string a, b;
-    Bytes c;
-    std::size_t wireSize = 0;  // the whole request, padding included
-};
-
-// A FileTransferStatus as the far side received it.
-struct Status {
-    std::uint8_t requestKind = 0, failed = 0;
-    std::uint16_t reserved = 0;
-    std::string path, error;
+// The requests varoft sends, with their whole size on the wire (padding included), and the
+// events the far side sends.
+struct Reply : loopback::TransferReply {
     std::size_t wireSize = 0;
 };
-
-// The fields of a TransferRequest event.
-struct Event {
-    std::uint8_t direction = 2, objectType = 1, openFlag = 0, kind = 0;
-    std::uint64_t size = 0;
-    std::string a, b;
-    Bytes data;
+struct Status : loopback::TransferStatus {
+    std::uint16_t reserved = 0;
+    std::size_t wireSize = 0;
 };
+using Event = loopback::TransferEvent;
 
 // Every field of a reply but block C, for exact comparisons.
 using Fields = std::tuple<int, int, int, int, std::uint64_t, std::string, std::string>;
-inline Fields fieldsOf(const Reply& r) { return {r.direction, r.objectType, r.openFlag, r.kind, r.size, r.a, r.b}; }
+inline Fields fieldsOf(const Reply& r) { return {r.direction, r.objectType, r.openFlag, r.kind, r.size, r.nameA, r.nameB}; }
 
 // An event that carries the fields of `r` with another kind.
 Event echo(const Reply& r, std::uint8_t kind);
-
-// Payload of a TransferRequest (wire bytes after byte 32); lengths may be overridden to lie.
-Bytes transferPayload(const Event& e, std::optional<std::uint16_t> lengthA = {},
-                      std::optional<std::uint16_t> lengthB = {}, std::optional<std::uint32_t> dataLength = {});
 
 Bytes bytesOf(std::string_view s);
 // A deterministic pseudo-random block.
@@ -87,7 +70,7 @@ public:
         return finish();
     }
 
-    bool send(const Event& e) { return server_->sendGenericEvent(90, transferPayload(e)); }
+    bool send(const Event& e) { return server_->sendGenericEvent(90, loopback::encodeTransferEvent(e)); }
     bool sendPayload(std::uint16_t eventType, const Bytes& payload) {
         return server_->sendGenericEvent(eventType, payload);
     }

@@ -44,7 +44,7 @@ Event event(std::uint8_t direction, std::uint8_t objectType, std::uint8_t kind, 
 TEST_F(Session, StartReportsHostUserAndTheRootDrive) {
     begin({"-vv"});
     EXPECT_EQ(fieldsOf(*start), Fields(1, 1, 0, 9, 0, hostName(), "tester"));
-    EXPECT_EQ(start->c, bytesOf(std::string_view("Root (/)\0", 9)));
+    EXPECT_EQ(start->block, bytesOf(std::string_view("Root (/)\0", 9)));
     const auto result = far.close();
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_TRUE(contains(result.err, "Sending request to Proxy/Desktop to start file transfer process.\n"
@@ -77,7 +77,7 @@ TEST(FileTransferSession, HomeAndUserFallBackInOrder) {
         ASSERT_TRUE(far.start({"-v"}, std::nullopt, c.env));
         const auto reply = far.nextReply();
         ASSERT_TRUE(reply);
-        EXPECT_EQ(reply->b, c.user);
+        EXPECT_EQ(reply->nameB, c.user);
         const auto result = far.close();
         for (const auto& line : c.lines) EXPECT_TRUE(contains(result.err, line)) << line << result.err;
         EXPECT_EQ(contains(result.err, "USERNAME ="), !c.user.empty());
@@ -111,7 +111,7 @@ TEST_F(Session, FetchOfAMissingFileAndStoreIntoAMissingDirectoryAreFailedStatuse
         far.send(event(static_cast<std::uint8_t>(direction), 1, 0, path));
         const auto status = far.nextStatus();
         ASSERT_TRUE(status);
-        EXPECT_EQ(std::tie(status->requestKind, status->failed, status->reserved, status->path),
+        EXPECT_EQ(std::tie(status->requestKind, status->status, status->reserved, status->path),
                   std::make_tuple(std::uint8_t(direction - 1), std::uint8_t{1}, std::uint16_t{0}, path));
         EXPECT_EQ(status->error, "No such file or directory");
         EXPECT_EQ(status->wireSize, (16 + path.size() + status->error.size() + 3) / 4 * 4);
@@ -168,17 +168,17 @@ TEST_F(Session, StoreWithAndWithoutAnExistingFile) {
 
 TEST_F(Session, EventsWithoutATransferGetTheirFixedAnswers) {
     begin({"-v"});
-    EXPECT_EQ(far.ask(event(2, 1, 4, "/x"), 6).b, "/x");
+    EXPECT_EQ(far.ask(event(2, 1, 4, "/x"), 6).nameB, "/x");
     far.ask(event(1, 1, 5, "/x"), 6);
     for (int k : {1, 3, 6, 9, 12, 18, 255}) {
         SCOPED_TRACE(k);
-        EXPECT_TRUE(far.ask(event(1, 1, static_cast<std::uint8_t>(k), "/x"), 4).c.empty());
+        EXPECT_TRUE(far.ask(event(1, 1, static_cast<std::uint8_t>(k), "/x"), 4).block.empty());
     }
     // An unknown kind also ends a transfer in progress.
     const std::string file = (dir / "f").string();
     testsupport::writeFile(file, "data");
     far.ask(event(1, 1, 0, file), 3);
-    EXPECT_TRUE(far.ask(event(1, 1, 11, file), 8).c.empty());
+    EXPECT_TRUE(far.ask(event(1, 1, 11, file), 8).block.empty());
     far.ask(event(1, 1, 5, file), 6);
     const auto result = far.close();
     EXPECT_EQ(result.exitCode, 0);
@@ -192,11 +192,11 @@ TEST_F(Session, NamesOfLengthZeroOrAbove1023KeepTheEarlierOnes) {
     testsupport::writeFile(file, "abc");
     far.ask(event(1, 1, 0, file, "first-a"), 3);
     Reply r = far.ask(event(1, 1, 5, "", ""), 4);  // both empty: the earlier names are echoed
-    EXPECT_EQ(std::tie(r.a, r.b, r.c), std::make_tuple("first-a", file, bytesOf("abc")));
+    EXPECT_EQ(std::tie(r.nameA, r.nameB, r.block), std::make_tuple("first-a", file, bytesOf("abc")));
     r = far.ask(event(1, 1, 5, file, std::string(1024, 'z')), 8);  // name B behind it is taken
-    EXPECT_EQ(std::tie(r.a, r.b), std::make_tuple("first-a", file));
+    EXPECT_EQ(std::tie(r.nameA, r.nameB), std::make_tuple("first-a", file));
     r = far.ask(event(1, 1, 9, "/other", std::string(1023, 'y')), 4);
-    EXPECT_EQ(std::tie(r.a, r.b), std::make_tuple(std::string(1023, 'y'), "/other"));
+    EXPECT_EQ(std::tie(r.nameA, r.nameB), std::make_tuple(std::string(1023, 'y'), "/other"));
     EXPECT_EQ(r.wireSize, (24 + 1023 + 6 + 3) / 4 * 4);
     EXPECT_EQ(far.close().exitCode, 0);
 }
@@ -235,9 +235,11 @@ TEST_F(Session, EventsThatLieAreDroppedAndTheLoopGoesOn) {
     otherExtension[1] = 99;
     bytes::put16(otherExtension, 8, 90);
     EXPECT_TRUE(far.server().sendRaw(otherExtension));
-    EXPECT_TRUE(far.sendPayload(92, transferPayload(chunk)));
-    for (const Bytes& lie : {transferPayload(chunk, {}, {}, 1u << 20), transferPayload(chunk, std::uint16_t{900}),
-                             Bytes{2, 1, 0, 4, 0, 0, 0, 0}, Bytes{}})
+    EXPECT_TRUE(far.sendPayload(92, loopback::encodeTransferEvent(chunk)));
+    Bytes longData = loopback::encodeTransferEvent(chunk), longName = longData;
+    bytes::put32(longData, 16, 1u << 20);
+    bytes::put16(longName, 12, 900);
+    for (const Bytes& lie : {longData, longName, Bytes{2, 1, 0, 4, 0, 0, 0, 0}, Bytes{}})
         EXPECT_TRUE(far.sendPayload(90, lie));
     EXPECT_TRUE(far.quiet());
     far.ask(chunk, 5);
