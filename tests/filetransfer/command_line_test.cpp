@@ -13,7 +13,6 @@ using namespace fttest;
 namespace fs = std::filesystem;
 
 void writeBytes(const fs::path& path, const Bytes& data) { testsupport::writeFile(path, std::string(data.begin(), data.end())); }
-Bytes readBytes(const fs::path& path) { return bytesOf(testsupport::readFile(path)); }
 
 TEST(FileTransferCommandLine, SendModesAnnounceThenSendEveryChunk) {
     testsupport::TempDir dir;
@@ -55,84 +54,56 @@ TEST(FileTransferCommandLine, SendModesAnnounceThenSendEveryChunk) {
     }
 }
 
-TEST(FileTransferCommandLine, GetStoresChunksOfAnySizeAndEndsAtCompletion) {
-    const std::pair<std::size_t, std::size_t> cases[] = {  // size, chunk
-        {0, 131072}, {1, 131072}, {131072, 131072}, {3 * 131072 + 17, 131072}, {200000, 4093}};
-    for (const auto& [size, chunk] : cases) {
-        SCOPED_TRACE(size);
+// -get: chunks of any size; only a lower-case n refuses to overwrite; an abort removes a
+// partial file, but not the file the user agreed to replace (opened, so now empty).
+TEST(FileTransferCommandLine, GetStoresEveryChunkAsksBeforeOverwritingAndObeysAnAbort) {
+    enum Left { Content, Old, Empty, Gone };
+    struct Case {
+        std::size_t size, chunk = 131072;
+        bool existing = false;
+        std::optional<std::string> input = {};
+        std::uint8_t end = 8;
+        Left left = Content;
+    } cases[] = {
+        {0}, {1}, {131072}, {3 * 131072 + 17}, {200000, 4093},
+        {3, 131072, true, "y"}, {3, 131072, true, "n", 8, Old}, {3, 131072, true, "N"}, {3, 131072, true, "\n"},
+        {3, 131072, true, "nope\n", 8, Old}, {3, 131072, true, std::nullopt},
+        {1000, 131072, false, {}, 7, Gone}, {0, 131072, true, "y", 7, Empty},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.size << " " << c.input.value_or("(end of input)"));
         FarSide far;
         FAR_SIDE_OR_SKIP(far);
         testsupport::TempDir dir;
         const std::string local = (dir / "received.bin").string();
-        const Bytes content = pattern(size, 7);
-        ASSERT_TRUE(far.start({"-get", "remote.bin", local}));
-        const auto announce = far.nextReply();
-        ASSERT_TRUE(announce);
-        EXPECT_EQ(fieldsOf(*announce), Fields(2, 1, 0, 10, 0, "remote.bin", local));
-        Event data = echo(*announce, 4);
-        data.size = size;
-        far.push(data, content, chunk);
-        ASSERT_TRUE(far.send(echo(*announce, 8)));
-        EXPECT_TRUE(far.quiet());
-        const auto result = far.finish();
-        EXPECT_EQ(result.exitCode, 0);
-        EXPECT_TRUE(endsWith(result.err, "File Transfer completed.\n")) << result.err;
-        EXPECT_EQ(readBytes(local), content);
-    }
-}
-
-TEST(FileTransferCommandLine, OnlyALowerCaseNRefusesToOverwrite) {
-    const std::pair<std::optional<std::string>, bool> cases[] = {  // input, overwrites
-        {"y", true}, {"n", false}, {"N", true}, {"\n", true}, {"nope\n", false}, {std::nullopt, true}};
-    for (const auto& [input, overwrites] : cases) {
-        SCOPED_TRACE(input.value_or("end of input"));
-        FarSide far;
-        FAR_SIDE_OR_SKIP(far);
-        testsupport::TempDir dir;
-        const std::string local = (dir / "exists.txt").string();
-        testsupport::writeFile(local, "old contents");
-        ASSERT_TRUE(far.start({"-get", "remote.txt", local}, input));
-        if (overwrites) {
+        if (c.existing) testsupport::writeFile(local, "old");
+        const Bytes content = pattern(c.size, 7);
+        ASSERT_TRUE(far.start({"-get", "remote.bin", local}, c.input));
+        if (c.left != Old) {
             const auto announce = far.nextReply();
             ASSERT_TRUE(announce);
-            far.push(echo(*announce, 4), bytesOf("new"));
-            ASSERT_TRUE(far.send(echo(*announce, 8)));
-        } else {
-            EXPECT_TRUE(far.quiet());  // refused before anything is announced
+            EXPECT_EQ(fieldsOf(*announce), Fields(2, 1, 0, 10, 0, "remote.bin", local));
+            Event data = echo(*announce, 4);
+            data.size = c.size;
+            if (c.left != Empty) far.push(data, content, c.chunk);
+            ASSERT_TRUE(far.send(echo(*announce, c.end)));
         }
-        const auto result = far.finish();
-        EXPECT_EQ(result.exitCode, 0);
-        const std::string question = "Local File " + local + " exists, overwrite it [y/n]?";
-        EXPECT_TRUE(endsWith(result.err, question + (overwrites ? "File Transfer completed.\n" : "File Transfer abort.\n")))
-            << result.err;
-        EXPECT_EQ(testsupport::readFile(local), overwrites ? "new" : "old contents");
-    }
-}
-
-TEST(FileTransferCommandLine, AbortRemovesAPartialFileButNotOneWithoutData) {
-    for (const bool existing : {false, true}) {
-        SCOPED_TRACE(existing);
-        FarSide far;
-        FAR_SIDE_OR_SKIP(far);
-        testsupport::TempDir dir;
-        const std::string local = (dir / "target").string();
-        if (existing) testsupport::writeFile(local, "old");
-        ASSERT_TRUE(far.start({"-get", "r", local}, "y"));
-        const auto announce = far.nextReply();
-        ASSERT_TRUE(announce);
-        if (!existing) far.push(echo(*announce, 4), pattern(1000));
-        ASSERT_TRUE(far.send(echo(*announce, 7)));
         EXPECT_TRUE(far.quiet());
         const auto result = far.finish();
         EXPECT_EQ(result.exitCode, 0);
-        EXPECT_TRUE(endsWith(result.err, "File Transfer aborted by remote.\n")) << result.err;
-        // A file the user agreed to replace was opened for writing (now empty) but is kept.
-        EXPECT_EQ(fs::exists(local), existing);
+        const std::string question = c.existing ? "Local File " + local + " exists, overwrite it [y/n]?" : "";
+        const char* tail = c.left == Old ? "File Transfer abort.\n"
+                           : c.end == 8  ? "File Transfer completed.\n"
+                                         : "File Transfer aborted by remote.\n";
+        EXPECT_TRUE(endsWith(result.err, question + tail)) << result.err;
+        EXPECT_EQ(fs::exists(local), c.left != Gone);
+        const std::string left = c.left == Content ? std::string(content.begin(), content.end()) : c.left == Old ? "old" : "";
+        EXPECT_EQ(c.left == Gone ? "" : testsupport::readFile(local), left);
     }
 }
 
 TEST(FileTransferCommandLine, SessionEndAndRefusalsEndTheRun) {
-    const std::pair<int, std::string> cases[] = {
+    const std::pair<std::uint8_t, std::string> cases[] = {
         {13, "File Transfer session was closed.\n"},
         {14, "Failed to connect. Another File Transfer session is running.\n"},
         {15, "Failed to connect. Varo Client does not support file transfer.\n"},
@@ -140,18 +111,17 @@ TEST(FileTransferCommandLine, SessionEndAndRefusalsEndTheRun) {
         {17, "Failed. The remote printing and /or file transfer are not allowed for this session.\n"},
     };
     for (const auto& [kind, message] : cases) {
-        SCOPED_TRACE(kind);
+        SCOPED_TRACE(int(kind));
         FarSide far;
         FAR_SIDE_OR_SKIP(far);
         testsupport::TempDir dir;
-        // A -put keeps its source; a -get removes the file it created.
+        // A session keeps the file it was sending; a -get removes the file it created.
         const std::string local = (dir / "file").string();
         if (kind == 13) testsupport::writeFile(local, "abc");
-        ASSERT_TRUE(far.start({kind == 13 ? "-put" : "-get", kind == 13 ? local : "r", kind == 13 ? "r" : local}));
+        ASSERT_TRUE(far.start(kind == 13 ? std::vector<std::string>{} : std::vector<std::string>{"-get", "r", local}));
         ASSERT_TRUE(far.nextReply());
-        Event e;
-        e.kind = static_cast<std::uint8_t>(kind);
-        ASSERT_TRUE(far.send(e));
+        if (kind == 13) far.ask(Event{1, 1, 0, 0, 0, "desk", local, {}}, 3);
+        ASSERT_TRUE(far.send(Event{2, 1, 0, kind, 0, {}, {}, {}}));
         EXPECT_TRUE(far.quiet());
         const auto result = far.finish();
         EXPECT_EQ(result.exitCode, 0);

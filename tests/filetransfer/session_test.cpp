@@ -201,27 +201,6 @@ TEST_F(Session, NamesOfLengthZeroOrAbove1023KeepTheEarlierOnes) {
     EXPECT_EQ(far.close().exitCode, 0);
 }
 
-TEST(FileTransferSession, SessionEndAndRefusalsLeaveLocalFilesAlone) {
-    testsupport::TempDir dir;
-    const std::string file = (dir / "open-for-sending").string();
-    testsupport::writeFile(file, "x");
-    for (const auto& [kind, message] :
-         {std::pair<std::uint8_t, std::string>{13, "File Transfer session was closed.\n"},
-          {16, "Failed, because the session is suspended. Please resume the session and try again.\n"}}) {
-        FarSide far;
-        FAR_SIDE_OR_SKIP(far);
-        ASSERT_TRUE(far.start({}));
-        ASSERT_TRUE(far.nextReply());
-        far.ask(event(1, 1, 0, file), 3);
-        far.send(event(2, 1, kind));
-        EXPECT_TRUE(far.quiet());
-        const auto result = far.finish();
-        EXPECT_EQ(result.exitCode, 0);
-        EXPECT_TRUE(endsWith(result.err, message)) << result.err;
-        EXPECT_TRUE(fs::exists(file));
-    }
-}
-
 // Events of other types or extensions, and events whose lengths lie, are dropped; the loop
 // goes on and nothing of them reaches the file.
 TEST_F(Session, EventsThatLieAreDroppedAndTheLoopGoesOn) {
