@@ -133,9 +133,7 @@ TEST_F(Directories, GetDirectoryFromTheCommandLine) {
     far.push(echo(*announce, 4), archive);
     ASSERT_TRUE(far.send(echo(*announce, 8)));
     expectStatus(1, false, "");  // the directory path comes from a kind-0 start only
-    const auto result = far.finish();
-    EXPECT_EQ(result.exitCode, 0);
-    EXPECT_TRUE(endsWith(result.err, "File Transfer completed.\n")) << result.err;
+    expectEnd(far.finish(), "File Transfer completed.\n");
     expectSourceTree(local);
 }
 
@@ -143,10 +141,7 @@ TEST_F(Directories, GetDirectoryIntoAnExistingOneAsksFirst) {
     const std::string local = (dir / "source").string();
     ASSERT_TRUE(far.start({"-getd", "r", local}, "n"));
     EXPECT_TRUE(far.quiet());
-    const auto result = far.finish();
-    EXPECT_EQ(result.exitCode, 0);
-    EXPECT_TRUE(endsWith(result.err, "Local Directory " + local + " exists, overwrite it [y/n]?File Transfer abort.\n"))
-        << result.err;
+    expectEnd(far.finish(), "Local Directory " + local + " exists, overwrite it [y/n]?File Transfer abort.\n");
     expectSourceTree(local);
 }
 
@@ -156,9 +151,7 @@ TEST_F(Directories, AbortBeforeAnyDataRemovesTheNewEmptyDirectory) {
     ASSERT_TRUE(far.nextReply());
     EXPECT_TRUE(fs::is_directory(local));
     send(7, local);
-    const auto result = far.finish();
-    EXPECT_EQ(result.exitCode, 0);
-    EXPECT_TRUE(endsWith(result.err, "File Transfer aborted by remote.\n"));
+    expectEnd(far.finish(), "File Transfer aborted by remote.\n");
     EXPECT_FALSE(fs::exists(local));
 }
 
@@ -169,9 +162,7 @@ TEST_F(Directories, PutDirectoryFromTheCommandLine) {
     ASSERT_TRUE(announce);
     EXPECT_EQ(fieldsOf(*announce), Fields(1, 6, 0, 10, 0, "Desktop/copy", local));
     const Bytes zip = far.pull(*announce);
-    const auto result = far.finish();
-    EXPECT_EQ(result.exitCode, 0);
-    EXPECT_TRUE(endsWith(result.err, "File Transfer completed.\n")) << result.err;
+    expectEnd(far.finish(), "File Transfer completed.\n");
     expectSourceTree(zip);
     EXPECT_TRUE(fs::is_directory(local));
 }
@@ -202,9 +193,7 @@ TEST_F(Directories, AbortOfADirectorySendLeavesTheTree) {
     ASSERT_TRUE(announce);
     far.ask(echo(*announce, 5), 4);
     ASSERT_TRUE(far.send(echo(*announce, 7)));
-    const auto result = far.finish();
-    EXPECT_EQ(result.exitCode, 0);
-    EXPECT_TRUE(endsWith(result.err, "File Transfer aborted by remote.\n"));
+    expectEnd(far.finish(), "File Transfer aborted by remote.\n");
     expectSourceTree(local);
 }
 

@@ -33,6 +33,12 @@ Env quietEnvironment() {
             {"LOGNAME", "tester"}};
 }
 
+void expectEnd(const testsupport::RunResult& result, const std::string& tail) {
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_FALSE(result.timedOut);
+    EXPECT_TRUE(endsWith(result.err, tail)) << result.err;
+}
+
 Event echo(const Reply& r, std::uint8_t kind) {
     return Event{r.direction, r.objectType, r.openFlag, kind, r.size, r.nameA, r.nameB, {}};
 }

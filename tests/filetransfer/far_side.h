@@ -46,6 +46,8 @@ Bytes bytesOf(std::string_view s);
 Bytes pattern(std::size_t size, std::uint32_t seed = 1);
 // Environment that keeps varoft's report predictable and away from the tester's settings.
 Env quietEnvironment();
+// Expects a run that ended with exit status 0 and standard error ending in `tail`.
+void expectEnd(const testsupport::RunResult& result, const std::string& tail);
 bool endsWith(const std::string& text, const std::string& tail);
 bool contains(const std::string& text, const std::string& part);
 
