@@ -160,22 +160,4 @@ TEST(FileTransferCommandLine, LocalErrorsEndTheRunBeforeAnyRequest) {
     }
 }
 
-TEST(FileTransferCommandLine, FailedWritesAreLoggedOnceAndStillAcknowledged) {
-    if (!fs::exists("/dev/full")) GTEST_SKIP() << "no /dev/full";
-    FarSide far;
-    FAR_SIDE_OR_SKIP(far);
-    // /dev/full exists, so the prompt comes first; every write then fails with "no space".
-    ASSERT_TRUE(far.start({"-get", "r", "/dev/full"}, "y"));
-    const auto announce = far.nextReply();
-    ASSERT_TRUE(announce);
-    far.push(echo(*announce, 4), pattern(3000), 1000);  // three chunks, each still answered kind 5
-    ASSERT_TRUE(far.send(echo(*announce, 8)));
-    const auto result = far.finish();
-    expectEnd(result, "File Transfer completed.\n");
-    const std::string line = "Unable to write to local /dev/full: No space left on device\n";
-    const auto first = result.err.find(line);
-    ASSERT_NE(first, std::string::npos) << result.err;
-    EXPECT_EQ(result.err.find(line, first + 1), std::string::npos);
-}
-
 }  // namespace

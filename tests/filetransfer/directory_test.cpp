@@ -88,36 +88,27 @@ TEST_F(Directories, SessionStoreUnpacksTreesAndReportsSuccess) {
     EXPECT_TRUE(contains(result.err, "Sending suceess file transfer status\n"));
 }
 
-TEST_F(Directories, AnArchiveCutShortIsAFailure) {
-    startSession();
-    const std::string b = (dir / "cut.zip").string();
-    send(0, b);
-    ASSERT_TRUE(far.nextReply());
-    push(b, Bytes(archive.begin(), archive.begin() + static_cast<std::ptrdiff_t>(archive.size() / 2)));
-    send(8, b);
-    expectStatus(1, true, (dir / "cut").string());
-}
-
-TEST_F(Directories, NamesWithoutSeparatorOrZipEndingGetNoAnswer) {
-    startSession();
-    send(0, "pics.zip");
-    EXPECT_TRUE(far.quiet());
-    send(0, (dir / "pics").string());
-    EXPECT_TRUE(far.quiet());
-    EXPECT_FALSE(fs::exists(dir / "pics"));
-    send(0, (dir / "a.zip" / "b.zip").string());  // the first ".zip" ends the directory name
-    EXPECT_EQ(far.nextReply().value_or(Reply{}).kind, 3);
-    EXPECT_TRUE(fs::is_directory(dir / "a"));
-}
-
-TEST_F(Directories, ReplacingWithoutAStartTouchesNothing) {
-    // Kind 2 before any kind 0: the directory path is still empty, and an empty path is never
-    // handed to the tree removal, so nothing around the process is deleted.
+// Kind 2 before any kind 0: the directory path is still empty, and an empty path is never
+// handed to the tree removal, so nothing around the process is deleted. Names without a
+// separator or ".zip" get no answer; the first ".zip" ends the name. A cut archive fails.
+TEST_F(Directories, SessionStoreRefusals) {
     far.setWorkingDirectory(dir.str());
     startSession();
     send(2, (dir / "x.zip").string());
     expectStatus(1, true, "");
     EXPECT_TRUE(fs::exists(dir / "source" / "readme.txt"));
+    for (const std::string& b : {std::string("pics.zip"), (dir / "pics").string()}) {
+        send(0, b);
+        EXPECT_TRUE(far.quiet());
+    }
+    EXPECT_FALSE(fs::exists(dir / "pics"));
+    const std::string b = (dir / "cut.zip" / "b.zip").string();
+    send(0, b);
+    EXPECT_EQ(far.nextReply().value_or(Reply{}).kind, 3);
+    EXPECT_TRUE(fs::is_directory(dir / "cut"));
+    push(b, Bytes(archive.begin(), archive.begin() + static_cast<std::ptrdiff_t>(archive.size() / 2)));
+    send(8, b);
+    expectStatus(1, true, (dir / "cut").string());
     const auto result = far.close();
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_TRUE(contains(result.err, "Unable to create directory : No such file or directory (2)\n")) << result.err;

@@ -1,6 +1,7 @@
 // The exact bytes of the two client requests and the decoding of the far side's events.
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 #include <vector>
 
@@ -38,19 +39,17 @@ TEST(FileTransferReplyEncoding, LengthsAndPadding) {
     struct Case {
         std::uint8_t direction;
         std::string_view a, b;
-        std::size_t size, padding;
+        std::size_t size;
         std::uint16_t lengthA;
         std::uint32_t lengthC;
     } cases[] = {
-        {1, "abc", "de", 36, 0, 3, 7}, {1, "abcd", "efgh", 40, 1, 4, 7}, {1, "", "", 32, 1, 0, 7},
-        {2, "abc", "de", 32, 3, 3, 0}, {2, "", "", 24, 0, 0, 0},         {2, longName, "", 32, 3, 5, 0},
+        {1, "abc", "de", 36, 3, 7}, {1, "abcd", "efgh", 40, 4, 7}, {1, "", "", 32, 0, 7},
+        {2, "abc", "de", 32, 3, 0}, {2, "", "", 24, 0, 0},         {2, longName, "", 32, 5, 0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << int(c.direction) << " " << c.a.size() << " " << c.b.size());
-        const FileTransferReplyFields f{c.direction, 1, 0, 4, 0, c.a, c.b, block};
-        const Bytes wire = encodeFileTransferReply(1, f);
+        const Bytes wire = encodeFileTransferReply(1, FileTransferReplyFields{c.direction, 1, 0, 4, 0, c.a, c.b, block});
         EXPECT_EQ(wire.size(), c.size);
-        EXPECT_EQ(replyParts(f).padding, c.padding);
         EXPECT_EQ(bytes::get16(wire, 2), wire.size() / 4);
         EXPECT_EQ(bytes::get16(wire, 16), c.lengthA);
         EXPECT_EQ(bytes::get32(wire, 20), c.lengthC);
@@ -117,13 +116,7 @@ TEST(TransferRequestDecoding, LengthsThatLieAreRefused) {
 // Random events with length fields near the real size: exactly the events whose lengths fit
 // are accepted, and whatever is accepted lies inside the event.
 TEST(TransferRequestDecoding, AcceptedViewsAlwaysLieInsideTheEvent) {
-    std::uint32_t x = 2463534242u;
-    auto next = [&x] {
-        x ^= x << 13;
-        x ^= x >> 17;
-        x ^= x << 5;
-        return x;
-    };
+    std::minstd_rand next(2463534242u);
     for (int round = 0; round < 20000; ++round) {
         const std::size_t tailSize = next() % 64;
         const auto lengthA = static_cast<std::uint16_t>(next() % 8 == 0 ? 1024 + next() % 3000 : next() % (tailSize + 4));
@@ -144,9 +137,7 @@ TEST(TransferRequestDecoding, AcceptedViewsAlwaysLieInsideTheEvent) {
         };
         if (!fits) continue;
         EXPECT_TRUE(inside(t.nameA) && inside(t.nameB) && inside(t.data)) << round;
-        if (kind == 4) {
-            EXPECT_EQ(t.data.size(), dataLength);
-        }
+        EXPECT_TRUE(kind != 4 || t.data.size() == dataLength) << round;
     }
 }
 
