@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
 #include <tuple>
 
 #include "common/bytes.h"
@@ -11,14 +12,9 @@ namespace fttest {
 Bytes bytesOf(std::string_view s) { return Bytes(s.begin(), s.end()); }
 
 Bytes pattern(std::size_t size, std::uint32_t seed) {
+    std::minstd_rand next(seed);
     Bytes out(size);
-    std::uint32_t x = seed * 2654435761u + 1;
-    for (auto& b : out) {
-        x ^= x << 13;
-        x ^= x >> 17;
-        x ^= x << 5;
-        b = static_cast<std::uint8_t>(x);
-    }
+    for (auto& b : out) b = static_cast<std::uint8_t>(next() >> 7);
     return out;
 }
 
@@ -26,12 +22,6 @@ bool endsWith(const std::string& text, const std::string& tail) {
     return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
 }
 bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
-Env quietEnvironment() {
-    return {{"USERPROFILE", std::nullopt}, {"USERNAME", std::nullopt}, {"SystemDrive", std::nullopt},
-            {"DISPLAY", std::nullopt},     {"HOME", "/home/tester"},   {"USER", "tester"},
-            {"LOGNAME", "tester"}};
-}
 
 void expectEnd(const testsupport::RunResult& result, const std::string& tail) {
     EXPECT_EQ(result.exitCode, 0);
@@ -52,14 +42,16 @@ FarSide::~FarSide() {
     }
 }
 
-bool FarSide::start(std::vector<std::string> args, std::optional<std::string> input, Env env) {
+bool FarSide::start(std::vector<std::string> args, std::optional<std::string> input) {
     testsupport::RunOptions options;
     options.args = {"-display", server_->displayName()};
     options.args.insert(options.args.end(), args.begin(), args.end());
     options.input = std::move(input);
     options.workingDirectory = workingDirectory_;
-    options.env = quietEnvironment();
-    for (auto& [k, v] : env) options.env[k] = v;
+    // Keeps varoft's report predictable and away from the tester's settings.
+    options.env = {{"USERPROFILE", std::nullopt}, {"USERNAME", std::nullopt}, {"SystemDrive", std::nullopt},
+                   {"DISPLAY", std::nullopt},     {"HOME", "/home/tester"},   {"USER", "tester"},
+                   {"LOGNAME", "tester"}};
     process_ = std::make_unique<testsupport::RunningProcess>(testsupport::varoftBinary(), options);
     if (!process_->started()) return false;
     auto* process = process_.get();

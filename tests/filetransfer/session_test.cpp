@@ -1,4 +1,4 @@
-// Sessions the far side drives (no transfer option): the environment report, fetching and
+// Sessions the far side drives (no transfer option): the start report, fetching and
 // storing files, the replies to out-of-order events, refusals and events that lie.
 #include <gtest/gtest.h>
 
@@ -24,9 +24,9 @@ std::string hostName() {
 // A session started and its start message taken.
 class Session : public ::testing::Test {
 protected:
-    void begin(std::vector<std::string> args = {"-v"}, Env env = {}) {
-        FAR_SIDE_OR_SKIP(far);
-        ASSERT_TRUE(far.start(std::move(args), std::nullopt, std::move(env)));
+    void SetUp() override { FAR_SIDE_OR_SKIP(far); }
+    void begin(std::vector<std::string> args = {"-v"}) {
+        ASSERT_TRUE(far.start(std::move(args)));
         start = far.nextReply();
         ASSERT_TRUE(start);
         ASSERT_EQ(start->kind, 9);
@@ -52,26 +52,6 @@ TEST_F(Session, StartReportsHostUserAndTheRootDrive) {
                                      "UserHomeDir = /home/tester/Documents\nUSERNAME = tester\n"
                                      "HOSTNAME = " + hostName() + "\nSending file transfer reply.\n"))
         << result.err;
-}
-
-TEST(FileTransferSession, HomeAndUserFallBackInOrder) {
-    const std::tuple<Env, std::string, std::string> cases[] = {  // environment, user, home in the -v log
-        {{{"USERPROFILE", "/profiles/ann"}, {"USERNAME", "ann"}}, "ann", "/profiles/ann/Documents"},
-        {{{"HOME", std::nullopt}, {"USER", std::nullopt}}, "tester" /* LOGNAME */, "/"},
-        {{{"HOME", std::nullopt}, {"SystemDrive", "C:"}, {"USER", std::nullopt}, {"LOGNAME", std::nullopt}}, "", "C:"},
-    };
-    for (const auto& [env, user, home] : cases) {
-        SCOPED_TRACE(home);
-        FarSide far;
-        FAR_SIDE_OR_SKIP(far);
-        ASSERT_TRUE(far.start({"-v"}, std::nullopt, env));
-        const auto reply = far.nextReply();
-        ASSERT_TRUE(reply);
-        EXPECT_EQ(reply->nameB, user);
-        const auto result = far.close();
-        EXPECT_TRUE(contains(result.err, "UserHomeDir = " + home + "\n")) << result.err;
-        EXPECT_EQ(contains(result.err, "USERNAME ="), !user.empty());
-    }
 }
 
 // Copies (object type 1) keep their file, moves (2) remove it when the fetch ends; completion
