@@ -14,6 +14,14 @@ namespace {
 using namespace fttest;
 namespace fs = std::filesystem;
 
+void expectStatus(FarSide& far, std::uint8_t requestKind, bool failed, const std::string& path) {
+    const auto status = far.nextStatus();
+    ASSERT_TRUE(status);
+    EXPECT_EQ(std::tie(status->requestKind, status->status, status->path),
+              std::make_tuple(requestKind, std::uint8_t{failed}, path));
+    EXPECT_TRUE(failed || status->error.empty()) << status->error;
+}
+
 // A sample tree; archives are packed and unpacked the way the desktop does it.
 class Directories : public ::testing::Test {
 protected:
@@ -31,13 +39,6 @@ protected:
         return far.send(Event{direction, 6, 0, kind, 0, "desk", b, {}});
     }
     void push(const std::string& b, const Bytes& data) { far.push(Event{2, 6, 0, 4, 0, "desk", b, {}}, data); }
-    void expectStatus(std::uint8_t requestKind, bool failed, const std::string& path) {
-        const auto status = far.nextStatus();
-        ASSERT_TRUE(status);
-        EXPECT_EQ(std::tie(status->requestKind, status->status, status->path),
-                  std::make_tuple(requestKind, std::uint8_t{failed}, path));
-        EXPECT_TRUE(failed || status->error.empty()) << status->error;
-    }
     void expectSourceTree(const fs::path& root) {
         EXPECT_EQ(archivetest::imageOf(root), archivetest::imageOf(dir / "source"));
     }
@@ -80,7 +81,7 @@ TEST_F(Directories, SessionStoreUnpacksTreesAndReportsSuccess) {
         EXPECT_FALSE(fs::exists(dir / name / "sub" / "stale.txt"));
         push(b, pack(method));
         send(8, b);
-        expectStatus(1, false, (dir / name).string());
+        expectStatus(far, 1, false, (dir / name).string());
         expectSourceTree(dir / name);
     }
     const auto result = far.close();
@@ -95,7 +96,7 @@ TEST_F(Directories, SessionStoreRefusals) {
     far.setWorkingDirectory(dir.str());
     startSession();
     send(2, (dir / "x.zip").string());
-    expectStatus(1, true, "");
+    expectStatus(far, 1, true, "");
     EXPECT_TRUE(fs::exists(dir / "source" / "readme.txt"));
     for (const std::string& b : {std::string("pics.zip"), (dir / "pics").string()}) {
         send(0, b);
@@ -108,54 +109,58 @@ TEST_F(Directories, SessionStoreRefusals) {
     EXPECT_TRUE(fs::is_directory(dir / "cut"));
     push(b, Bytes(archive.begin(), archive.begin() + static_cast<std::ptrdiff_t>(archive.size() / 2)));
     send(8, b);
-    expectStatus(1, true, (dir / "cut").string());
+    expectStatus(far, 1, true, (dir / "cut").string());
     const auto result = far.close();
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_TRUE(contains(result.err, "Unable to create directory : No such file or directory (2)\n")) << result.err;
 }
 
+// -getd: a new directory is filled and reported, or removed again on an abort; an existing
+// one is left alone when the user refuses.
 TEST_F(Directories, GetDirectoryFromTheCommandLine) {
-    const std::string local = (dir / "fresh").string();
-    ASSERT_TRUE(far.start({"-getd", "Desktop/project", local}));
-    const auto announce = far.nextReply();
-    ASSERT_TRUE(announce);
-    EXPECT_EQ(fieldsOf(*announce), Fields(2, 6, 0, 10, 0, "Desktop/project", local));
-    EXPECT_TRUE(fs::is_directory(local));
-    far.push(echo(*announce, 4), archive);
-    ASSERT_TRUE(far.send(echo(*announce, 8)));
-    expectStatus(1, false, "");  // the directory path comes from a kind-0 start only
-    expectEnd(far.finish(), "File Transfer completed.\n");
-    expectSourceTree(local);
+    const std::pair<std::string, std::uint8_t> cases[] = {{"fresh", 8}, {"aborted", 7}, {"source", 0}};
+    for (const auto& [name, end] : cases) {
+        SCOPED_TRACE(name);
+        FarSide side;
+        const std::string local = (dir / name).string();
+        ASSERT_TRUE(side.start({"-getd", "Desktop/project", local}, "n"));
+        if (end == 0) {
+            EXPECT_TRUE(side.quiet());
+            expectEnd(side.finish(), "Local Directory " + local + " exists, overwrite it [y/n]?File Transfer abort.\n");
+            expectSourceTree(local);
+            continue;
+        }
+        const auto announce = side.nextReply();
+        ASSERT_TRUE(announce);
+        EXPECT_EQ(fieldsOf(*announce), Fields(2, 6, 0, 10, 0, "Desktop/project", local));
+        EXPECT_TRUE(fs::is_directory(local));
+        if (end == 8) side.push(echo(*announce, 4), archive);
+        ASSERT_TRUE(side.send(echo(*announce, end)));
+        if (end == 8) expectStatus(side, 1, false, "");  // the directory path comes from a kind 0 only
+        expectEnd(side.finish(), end == 8 ? "File Transfer completed.\n" : "File Transfer aborted by remote.\n");
+        EXPECT_EQ(fs::exists(local), end == 8);
+        if (end == 8) expectSourceTree(local);
+    }
 }
 
-TEST_F(Directories, GetDirectoryIntoAnExistingOneAsksFirst) {
-    const std::string local = (dir / "source").string();
-    ASSERT_TRUE(far.start({"-getd", "r", local}, "n"));
-    EXPECT_TRUE(far.quiet());
-    expectEnd(far.finish(), "Local Directory " + local + " exists, overwrite it [y/n]?File Transfer abort.\n");
-    expectSourceTree(local);
-}
-
-TEST_F(Directories, AbortBeforeAnyDataRemovesTheNewEmptyDirectory) {
-    const std::string local = (dir / "empty-then-aborted").string();
-    ASSERT_TRUE(far.start({"-getd", "r", local}));
-    ASSERT_TRUE(far.nextReply());
-    EXPECT_TRUE(fs::is_directory(local));
-    send(7, local);
-    expectEnd(far.finish(), "File Transfer aborted by remote.\n");
-    EXPECT_FALSE(fs::exists(local));
-}
-
+// -putd: the tree is packed and sent; an abort leaves it as it was.
 TEST_F(Directories, PutDirectoryFromTheCommandLine) {
     const std::string local = (dir / "source").string();
-    ASSERT_TRUE(far.start({"-putd", local, "Desktop/copy"}));
-    const auto announce = far.nextReply();
-    ASSERT_TRUE(announce);
-    EXPECT_EQ(fieldsOf(*announce), Fields(1, 6, 0, 10, 0, "Desktop/copy", local));
-    const Bytes zip = far.pull(*announce);
-    expectEnd(far.finish(), "File Transfer completed.\n");
-    expectSourceTree(zip);
-    EXPECT_TRUE(fs::is_directory(local));
+    for (const int end : {8, 7}) {
+        FarSide side;
+        ASSERT_TRUE(side.start({"-putd", local, "Desktop/copy"}));
+        const auto announce = side.nextReply();
+        ASSERT_TRUE(announce);
+        EXPECT_EQ(fieldsOf(*announce), Fields(1, 6, 0, 10, 0, "Desktop/copy", local));
+        if (end == 8) {
+            expectSourceTree(side.pull(*announce));
+        } else {
+            side.ask(echo(*announce, 5), 4);
+            ASSERT_TRUE(side.send(echo(*announce, 7)));
+        }
+        expectEnd(side.finish(), end == 8 ? "File Transfer completed.\n" : "File Transfer aborted by remote.\n");
+        expectSourceTree(local);
+    }
 }
 
 TEST_F(Directories, SessionFetchOfADirectory) {
@@ -169,23 +174,12 @@ TEST_F(Directories, SessionFetchOfADirectory) {
     // Completion of any directory transfer is answered with a status of request kind 1. No
     // unpack stream exists in this session, which counts as a failed unpacking.
     send(8, local, 1);
-    expectStatus(1, true, "");
+    expectStatus(far, 1, true, "");
     // A missing directory is a failed status of request kind 0.
     start.nameB = (dir / "missing").string();
     ASSERT_TRUE(far.send(start));
-    expectStatus(0, true, start.nameB);
+    expectStatus(far, 0, true, start.nameB);
     EXPECT_EQ(far.close().exitCode, 0);
-}
-
-TEST_F(Directories, AbortOfADirectorySendLeavesTheTree) {
-    const std::string local = (dir / "source").string();
-    ASSERT_TRUE(far.start({"-putd", local, "r"}));
-    const auto announce = far.nextReply();
-    ASSERT_TRUE(announce);
-    far.ask(echo(*announce, 5), 4);
-    ASSERT_TRUE(far.send(echo(*announce, 7)));
-    expectEnd(far.finish(), "File Transfer aborted by remote.\n");
-    expectSourceTree(local);
 }
 
 }  // namespace
