@@ -12,43 +12,40 @@ namespace {
 using namespace fttest;
 namespace fs = std::filesystem;
 
-void writeBytes(const fs::path& path, const Bytes& data) { testsupport::writeFile(path, std::string(data.begin(), data.end())); }
-
 TEST(FileTransferCommandLine, SendModesAnnounceThenSendEveryChunk) {
     testsupport::TempDir dir;
     struct Case {
-        std::string mode, local, remote;  // local as given, relative to the working directory
+        std::vector<std::string> args;  // the local path as given, relative to the working directory
         std::size_t size;
         std::uint8_t objectType, openFlag;
         std::string a;
     } cases[] = {
-        {"-put", "empty.bin", "", 0, 1, 0, "?"},
-        {"-put", "one.bin", "", 1, 1, 0, "?"},
-        {"-put", "exact.bin", "Documents/b.txt", 131072, 1, 0, "Documents/b.txt"},
-        {"-put", (dir / "several.bin").string(), "", 3 * 131072 + 17, 1, 0, "?"},
-        {"-open", "sub/report.pdf", "", 8, 0, 1, "report.pdf"},
-        {"-open", "c.txt", "", 1, 0, 1, "c.txt"},
+        {{"-put", "empty.bin"}, 0, 1, 0, "?"},
+        {{"-put", "one.bin"}, 1, 1, 0, "?"},
+        {{"-put", "exact.bin", "Documents/b.txt"}, 131072, 1, 0, "Documents/b.txt"},
+        {{"-put", (dir / "several.bin").string()}, 3 * 131072 + 17, 1, 0, "?"},
+        {{"-open", "sub/report.pdf"}, 8, 0, 1, "report.pdf"},
+        {{"-open", "c.txt"}, 1, 0, 1, "c.txt"},
     };
     fs::create_directories(dir / "sub");
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.mode + " " + c.local);
+        const std::string& local = c.args[1];
+        SCOPED_TRACE(local);
         FarSide far;
         FAR_SIDE_OR_SKIP(far);
         const Bytes content = pattern(c.size);
-        writeBytes(dir / c.local, content);
+        testsupport::writeFile(dir / local, std::string(content.begin(), content.end()));
         far.setWorkingDirectory(dir.str());
-        std::vector<std::string> args = {c.mode, c.local};
-        if (!c.remote.empty()) args.push_back(c.remote);
-        ASSERT_TRUE(far.start(args));
+        ASSERT_TRUE(far.start(c.args));
         const auto announce = far.nextReply();
         ASSERT_TRUE(announce);
-        EXPECT_EQ(fieldsOf(*announce), Fields(1, c.objectType, c.openFlag, 10, c.size, c.a, c.local));
+        EXPECT_EQ(fieldsOf(*announce), Fields(1, c.objectType, c.openFlag, 10, c.size, c.a, local));
         EXPECT_TRUE(announce->block.empty());
         std::size_t chunks = 0;
         EXPECT_EQ(far.pull(*announce, &chunks), content);
         EXPECT_EQ(chunks, (c.size + 131071) / 131072);
         expectEnd(far.finish(), "File Transfer completed.\n");
-        EXPECT_TRUE(fs::exists(dir / c.local));  // a send keeps its source
+        EXPECT_TRUE(fs::exists(dir / local));  // a send keeps its source
     }
 }
 
