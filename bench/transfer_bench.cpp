@@ -1,7 +1,10 @@
 // Throughput of -put and -get through the loopback desktop on a Unix socket, beside the limit
 // of the same lockstep exchange between two minimal processes that touch no disk.
 //
-//   transfer_bench [--size MiB] [--dir DIR] [--runs N]
+//   transfer_bench [--size MiB] [--dir DIR] [--runs N] [--tree DIR]
+//
+// With --tree, -putd and -getd of that directory are measured beside the pack and unpack streams
+// alone, the far side dropping (or supplying from memory) the archive bytes.
 //
 // Prints one table row per case: MB/s, the ratio to the limit, and for varoft its CPU time
 // (user + system) and peak resident set size. Rows for reading and writing the file alone show
@@ -17,9 +20,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
+#include "archive/dir_pack_stream.h"
+#include "archive/dir_unpack_stream.h"
+#include "archive/mz_stream.h"
 #include "common/bytes.h"
 #include "x_server.h"
 
@@ -40,10 +47,11 @@ struct Outcome {
 // ---- the far side's messages -------------------------------------------------------------------
 
 std::vector<std::uint8_t> transferEvent(std::uint8_t direction, std::uint8_t kind, const std::string& a,
-                                        const std::string& b, const std::uint8_t* data, std::size_t length) {
+                                        const std::string& b, const std::uint8_t* data, std::size_t length,
+                                        std::uint8_t objectType = 1) {
     std::vector<std::uint8_t> p;
     bytes::Writer w(p);
-    w.u8(direction).u8(1).u8(0).u8(kind).u64(0);
+    w.u8(direction).u8(objectType).u8(0).u8(kind).u64(0);
     w.u16(static_cast<std::uint16_t>(a.size())).u16(static_cast<std::uint16_t>(b.size()));
     w.u32(static_cast<std::uint32_t>(length)).raw(a).raw(b);
     if (length) w.raw(std::span<const std::uint8_t>(data, length));
@@ -263,16 +271,162 @@ Outcome best(int runs, F f) {
     return top;
 }
 
+// ---- directories: varoft -putd / -getd beside the pack and unpack streams alone ------------------
+
+constexpr std::uint8_t kDirectory = 6;
+
+// The archive is kept in a file, not in memory: a big resident buffer in this process would be
+// counted in the peak RSS of every varoft forked from it.
+struct ArchiveFile {
+    std::string path;
+    std::uint64_t size = 0;
+};
+
+// The pack stream read to its end in chunk-sized reads, writing the archive out when asked.
+Outcome runPackAlone(const std::string& tree, const std::string* keepPath, std::uint64_t* produced = nullptr) {
+    Outcome out;
+    MzStreamPtr stream(createDirPackStream());
+    const int keep = keepPath ? ::open(keepPath->c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644) : -1;
+    std::vector<std::uint8_t> chunk(kChunk);
+    std::uint64_t total = 0;
+    bool ok = mz_stream_open(stream.get(), tree.c_str(), MZ_OPEN_MODE_READ) == MZ_OK;
+    const auto start = Clock::now();
+    while (ok) {
+        const std::int32_t n = mz_stream_read(stream.get(), chunk.data(), static_cast<std::int32_t>(kChunk));
+        if (n == MZ_END_OF_STREAM) break;
+        ok = n >= 0 && (keep < 0 || sendAll(keep, chunk.data(), static_cast<std::size_t>(n)));
+        total += static_cast<std::uint64_t>(std::max(n, 0));
+    }
+    out.ok = mz_stream_close(stream.get()) == MZ_OK && ok;
+    out.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    if (keep >= 0) out.ok = ::close(keep) == 0 && out.ok;
+    if (produced) *produced = total;
+    return out;
+}
+
+// Calls `take` with each chunk of the archive file in turn; false when reading or `take` fails.
+template <typename F>
+bool forEachChunk(const ArchiveFile& zip, F take) {
+    const int fd = ::open(zip.path.c_str(), O_RDONLY);
+    if (fd < 0) return false;
+    std::vector<std::uint8_t> chunk(kChunk);
+    bool ok = true;
+    for (std::uint64_t done = 0; ok && done < zip.size;) {
+        const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, zip.size - done));
+        ok = readAll(fd, chunk.data(), n) && take(chunk.data(), n);
+        done += n;
+    }
+    ::close(fd);
+    return ok;
+}
+
+// The unpack stream fed the archive in chunk-sized writes.
+Outcome runUnpackAlone(const ArchiveFile& zip, const std::string& target) {
+    Outcome out;
+    std::error_code ec;
+    std::filesystem::remove_all(target, ec);
+    std::filesystem::create_directories(target, ec);
+    MzStreamPtr stream(createDirUnpackStream());
+    const auto start = Clock::now();
+    if (mz_stream_open(stream.get(), target.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE) != MZ_OK) return out;
+    const bool ok = forEachChunk(zip, [&](const std::uint8_t* data, std::size_t n) {
+        const std::int32_t r = mz_stream_write(stream.get(), data, static_cast<std::int32_t>(n));
+        // Bytes after the start of the central directory are taken as the end of the archive.
+        return r == static_cast<std::int32_t>(n) || r == MZ_END_OF_STREAM;
+    });
+    out.ok = mz_stream_close(stream.get()) == MZ_OK && ok;
+    out.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    std::filesystem::remove_all(target, ec);
+    return out;
+}
+
+// varoft -putd: the far side asks for chunks and drops them, as fast as they come.
+Outcome runPutDir(const std::string& tree, std::uint64_t archiveSize) {
+    Outcome out;
+    std::string error;
+    auto server = loopback::XServer::start({}, &error);
+    if (!server) return out;
+    const pid_t pid = spawn({VAROFT_BINARY, "-display", server->displayName(), "-putd", tree, "tree"});
+    bool ok = server->waitForClient(10s);
+    auto announce = ok ? server->nextRequest(10s) : std::nullopt;
+    std::uint8_t kind = 0;
+    std::uint32_t length = 0;
+    ok = announce && replyKind(*announce, kind, length) && kind == 10;
+    const auto ask = transferEvent(1, 5, "tree", tree, nullptr, 0, kDirectory);
+    std::uint64_t received = 0;
+    const auto start = Clock::now();
+    while (ok) {
+        if (!server->sendGenericEvent(90, ask)) break;
+        auto reply = server->nextRequest(60s);
+        if (!reply || !replyKind(*reply, kind, length) || kind == 8) break;
+        received += length;
+    }
+    out.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    out.ok = reap(pid, out) && ok && received == archiveSize;
+    return out;
+}
+
+// varoft -getd: the far side sends the archive as fast as varoft takes it.
+Outcome runGetDir(const ArchiveFile& zip, const std::string& target) {
+    Outcome out;
+    std::string error;
+    std::error_code ec;
+    std::filesystem::remove_all(target, ec);
+    auto server = loopback::XServer::start({}, &error);
+    if (!server) return out;
+    const pid_t pid = spawn({VAROFT_BINARY, "-display", server->displayName(), "-getd", "tree", target});
+    bool ok = server->waitForClient(10s);
+    auto announce = ok ? server->nextRequest(10s) : std::nullopt;
+    std::uint8_t kind = 0;
+    std::uint32_t length = 0;
+    ok = announce && replyKind(*announce, kind, length) && kind == 10;
+    const auto start = Clock::now();
+    ok = ok && forEachChunk(zip, [&](const std::uint8_t* data, std::size_t n) {
+        if (!server->sendGenericEvent(90, transferEvent(2, 4, "tree", target, data, n, kDirectory))) return false;
+        auto reply = server->nextRequest(60s);
+        return reply && replyKind(*reply, kind, length) && kind == 5;
+    });
+    if (ok) ok = server->sendGenericEvent(90, transferEvent(2, 8, "tree", target, nullptr, 0, kDirectory));
+    out.ok = reap(pid, out) && ok;  // varoft ends once it has unpacked the last chunk and said so
+    out.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    std::filesystem::remove_all(target, ec);
+    return out;
+}
+
+// Rows for the directory cases: the stream alone is the reference (ratio = its time / ours).
+void directoryRows(const std::string& tree, const std::string& dir, int runs) {
+    ArchiveFile zip{dir + "/varoft-bench-tree.zip", 0};
+    if (!runPackAlone(tree, &zip.path, &zip.size).ok) {
+        std::printf("directory cases: cannot pack %s\n", tree.c_str());
+        return;
+    }
+    const std::string target = dir + "/varoft-bench-tree-out";
+    const Outcome pack = best(runs, [&] { return runPackAlone(tree, nullptr); });
+    const Outcome putd = best(runs, [&] { return runPutDir(tree, zip.size); });
+    const Outcome unpack = best(runs, [&] { return runUnpackAlone(zip, target); });
+    const Outcome getd = best(runs, [&] { return runGetDir(zip, target); });
+    ::unlink(zip.path.c_str());
+    std::printf("\ndirectory %s as a %.1f MB archive, best of %d (ratio: the stream alone = 1.00)\n",
+                tree.c_str(), static_cast<double>(zip.size) / 1e6, runs);
+    std::printf("%-22s %10s %8s %10s %10s\n", "case", "MB/s", "ratio", "cpu s", "peak MiB");
+    row("pack stream alone", pack, zip.size, pack.seconds, false);
+    row("varoft -putd", putd, zip.size, pack.seconds, true);
+    row("unpack stream alone", unpack, zip.size, unpack.seconds, false);
+    row("varoft -getd", getd, zip.size, unpack.seconds, true);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     std::uint64_t mib = 1024;
     std::string dir = "/tmp";
     int runs = 1;
+    std::string tree;  // a directory for the -putd / -getd cases (none: they are left out)
     for (int i = 1; i + 1 < argc; i += 2) {
         if (!std::strcmp(argv[i], "--size")) mib = std::strtoull(argv[i + 1], nullptr, 10);
         else if (!std::strcmp(argv[i], "--dir")) dir = argv[i + 1];
         else if (!std::strcmp(argv[i], "--runs")) runs = std::atoi(argv[i + 1]);
+        else if (!std::strcmp(argv[i], "--tree")) tree = argv[i + 1];
     }
     const std::uint64_t size = mib << 20;
     const std::uint64_t rounds = (size + kChunk - 1) / kChunk;
@@ -301,5 +455,6 @@ int main(int argc, char** argv) {
     row("local write alone", writeDisk, size, getLimit.seconds, false);
     row("varoft -get", get, size, getLimit.seconds, true);
     ::unlink(source.c_str());
+    if (!tree.empty()) directoryRows(tree, dir, runs);
     return put.ok && get.ok && putLimit.ok && getLimit.ok ? 0 : 1;
 }

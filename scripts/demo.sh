@@ -77,5 +77,24 @@ sed 's/^/    > /' "$work/printed/notes.txt"
 step "6. A file that cannot be printed is refused locally"
 run "$varoft" -print project/data.bin || true
 
+step "7. Let the desktop drive: it browses your home folder, then renames and deletes in the demo folder"
+# A second loopback desktop plays a short script; varoft, started with no operation, serves it.
+cat > "$work/session.txt" <<SCRIPT
+list $HOME
+list $work/local
+rename $work/local/notes.txt $work/local/notes-renamed.txt
+delete $work/local/project-back
+list $work/local
+close
+SCRIPT
+"$desktop_bin" --once --folder "$work/desktop2" --script "$work/session.txt" > "$work/session.log" 2>&1 &
+session_pid=$!
+for _ in $(seq 1 100); do grep -q 'serving :' "$work/session.log" 2>/dev/null && break; sleep 0.05; done
+session_display=$(grep -o 'serving :[0-9]*' "$work/session.log" | head -1 | cut -d' ' -f2)
+run "$varoft" -display "$session_display"
+wait "$session_pid" 2>/dev/null || true
+sed 's/^/    | /' "$work/session.log"
+[ -f notes-renamed.txt ] && [ ! -e project-back ] && echo "notes.txt was renamed and project-back deleted, as the desktop asked"
+
 echo
-echo "Done. Each run above was one X11 connection to the loopback desktop on $display."
+echo "Done. Each run above was one X11 connection to a loopback desktop."

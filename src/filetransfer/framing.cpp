@@ -148,3 +148,7 @@ void sendFileTransferStatus(xcb_connection_t* connection, std::string_view path,
     if (failed) logPrint(2, "Sending failed file transfer status, error : %s\n", errorText.c_str());
     else logPrint(2, "Sending suceess file transfer status\n");
 }
+
+void logDroppedEvent(std::uint16_t eventType) {
+    logPrint(2, "Dropping event of type %d: its lengths exceed the event.\n", eventType);
+}

@@ -101,3 +101,7 @@ void sendFileTransferReply(xcb_connection_t* connection, const FileTransferReply
 // call it right after the failing call. An empty path sends none.
 void sendFileTransferStatus(xcb_connection_t* connection, std::string_view path, std::uint8_t requestKind,
                             bool failed);
+
+// An event whose length fields claim more bytes than it holds is dropped without an answer;
+// this logs the level-2 line that says so.
+void logDroppedEvent(std::uint16_t eventType);

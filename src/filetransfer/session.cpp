@@ -10,8 +10,10 @@
 #include "app/log.h"
 #include "app/state.h"
 #include "archive/mz_stream.h"
+#include "filetransfer/delete_rename.h"
 #include "filetransfer/environment.h"
 #include "filetransfer/framing.h"
+#include "filetransfer/listing.h"
 #include "filetransfer/progress.h"
 #include "filetransfer/protocol.h"
 #include "filetransfer/transfer.h"
@@ -169,7 +171,10 @@ void serveEvents(xcb_connection_t* connection) {
         }
         logPrint(2, "gev->event_type = %d\n", header->eventType);
         switch (header->eventType) {
+            case kDeleteFileRequest: handleDeleteRequest(connection, buffer); break;
             case kTransferRequest: handleTransferRequest(connection, buffer); break;
+            case kListDirectoryRequest: handleListingRequest(connection, buffer); break;
+            case kRenameFileRequest: handleRenameRequest(connection, buffer); break;
             default: break;  // not served: dropped without an answer
         }
     }

@@ -376,7 +376,8 @@ void handleTransferRequest(xcb_connection_t* connection, std::span<const std::ui
 }
 
 int removeDirectoryTree(const std::string& path) {
-    if (path.find_first_not_of('/') == std::string::npos) return 0;  // "" and the root itself
+    // Never "", and never the root under any spelling ("/", "//", "/.", "/tmp/..").
+    if (path.find_first_not_of('/') == std::string::npos || platform::isFileSystemRoot(path)) return 0;
     platform::Status top;
     if (!platform::linkStatus(path, top) || top.kind != platform::Kind::Directory) return 0;
     // Names first, removals after: the listing is not disturbed by the changes.

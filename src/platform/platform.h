@@ -43,6 +43,9 @@ bool status(const std::string& path, Status& out);
 bool linkStatus(const std::string& path, Status& out);
 bool isDirectory(const std::string& path);
 bool exists(const std::string& path);
+// Whether the path names the root directory of the file system, however it is spelt ("/",
+// "/.", "/tmp/..").
+bool isFileSystemRoot(const std::string& path);
 
 // ---- changes to the file system -------------------------------------------------------------
 
@@ -53,6 +56,10 @@ bool makeDirectory(const std::string& path);    // one level; fails when it exis
 bool renameNoReplace(const std::string& from, const std::string& to);
 // The error code that makeDirectory/renameNoReplace report for an existing target.
 int existsErrorCode();
+// The error codes for a path that does not exist and for an operation that is not allowed;
+// callers that refuse a request themselves set one of them before reporting the failure.
+int missingErrorCode();
+int deniedErrorCode();
 
 // ---- directory listing ----------------------------------------------------------------------
 
@@ -84,7 +91,8 @@ std::vector<std::string> matchNames(const std::string& directory, const std::str
 // ---- raw files ------------------------------------------------------------------------------
 
 enum class OpenMode : std::uint8_t {
-    Read,           // existing file, read only
+    Read,           // existing file, read only (opening never waits on a FIFO)
+    ReadRegular,    // as Read, but anything other than a regular file is refused at open
     WriteTruncate,  // create or truncate, write only
     ReadWrite,      // create if missing, keep contents
     Append,         // create if missing, writes go to the end

@@ -75,10 +75,18 @@ bool exists(const std::string& path) {
     return status(path, st);
 }
 
+bool isFileSystemRoot(const std::string& path) {
+    struct stat st {}, root {};
+    return ::stat(path.c_str(), &st) == 0 && ::stat("/", &root) == 0 && st.st_dev == root.st_dev &&
+           st.st_ino == root.st_ino;
+}
+
 bool removeFile(const std::string& path) { return ::unlink(path.c_str()) == 0; }
 bool removeDirectory(const std::string& path) { return ::rmdir(path.c_str()) == 0; }
 bool makeDirectory(const std::string& path) { return ::mkdir(path.c_str(), 0777) == 0; }
 int existsErrorCode() { return EEXIST; }
+int missingErrorCode() { return ENOENT; }
+int deniedErrorCode() { return EACCES; }
 
 bool renameNoReplace(const std::string& from, const std::string& to) {
     if (::syscall(SYS_renameat2, AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0)
@@ -180,20 +188,30 @@ bool File::open(const std::string& path, OpenMode mode) {
     close();
     int flags = O_CLOEXEC;
     switch (mode) {
-        case OpenMode::Read: flags |= O_RDONLY; break;
+        // Non-blocking only while opening: a FIFO without a writer would otherwise hold the
+        // open forever. Reads block as usual once the descriptor is set back below.
+        case OpenMode::Read:
+        case OpenMode::ReadRegular: flags |= O_RDONLY | O_NONBLOCK; break;
         case OpenMode::WriteTruncate: flags |= O_WRONLY | O_CREAT | O_TRUNC; break;
         case OpenMode::ReadWrite: flags |= O_RDWR | O_CREAT; break;
         case OpenMode::Append: flags |= O_WRONLY | O_CREAT | O_APPEND; break;
     }
     fd_ = ::open(path.c_str(), flags, 0666);
     if (fd_ < 0) return false;
-    if (mode == OpenMode::Read) {
-        // A directory opens fine for reading on POSIX; a file stream on it is useless.
+    if (mode == OpenMode::Read || mode == OpenMode::ReadRegular) {
+        // A directory opens fine for reading on POSIX; a file stream on it is useless. The type
+        // is judged on the open descriptor, so a name swapped after an earlier check changes
+        // nothing.
         struct stat st {};
-        if (::fstat(fd_, &st) == 0 && S_ISDIR(st.st_mode)) {
+        int refused = 0;
+        if (::fstat(fd_, &st) != 0) refused = errno;
+        else if (S_ISDIR(st.st_mode)) refused = EISDIR;
+        else if (mode == OpenMode::ReadRegular && !S_ISREG(st.st_mode)) refused = EINVAL;
+        if (refused == 0 && ::fcntl(fd_, F_SETFL, ::fcntl(fd_, F_GETFL) & ~O_NONBLOCK) != 0) refused = errno;
+        if (refused != 0) {
             ::close(fd_);
             fd_ = -1;
-            errno = EISDIR;
+            errno = refused;
             return false;
         }
     }

@@ -97,7 +97,7 @@ char classifyPrintFile(const std::string& path) {
     platform::Status st;
     if (!platform::status(path, st) || st.kind != platform::Kind::Regular) return 'b';
     platform::File file;
-    if (!file.open(path, platform::OpenMode::Read)) return 'b';
+    if (!file.open(path, platform::OpenMode::ReadRegular)) return 'b';
     std::array<std::uint8_t, kClassifyWindow> window{};
     std::size_t got = 0;
     while (got < window.size()) {

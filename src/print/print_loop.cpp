@@ -88,7 +88,7 @@ int sendPrintFile(xcb_connection_t* connection, const char* path, std::uint32_t&
         name = remotePrintName(path);
         if (name.empty()) return 0;
         logPrint(3, "Using filename: %s\n", name.c_str());
-        const bool opened = source.file.open(path, platform::OpenMode::Read);
+        const bool opened = source.file.open(path, platform::OpenMode::ReadRegular);
         logPrint(3, "fopened %s\n", path);
         if (!opened) {
             logPrint(1, "Could not open file: \"%s\"\n", name.c_str());

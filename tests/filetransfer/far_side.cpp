@@ -23,6 +23,12 @@ bool endsWith(const std::string& text, const std::string& tail) {
 }
 bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
+Env quietEnvironment() {
+    return {{"USERPROFILE", std::nullopt}, {"USERNAME", std::nullopt}, {"SystemDrive", std::nullopt},
+            {"DISPLAY", std::nullopt},     {"HOME", "/home/tester"},   {"USER", "tester"},
+            {"LOGNAME", "tester"}};
+}
+
 void expectEnd(const testsupport::RunResult& result, const std::string& tail) {
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_FALSE(result.timedOut);
@@ -42,16 +48,14 @@ FarSide::~FarSide() {
     }
 }
 
-bool FarSide::start(std::vector<std::string> args, std::optional<std::string> input) {
+bool FarSide::start(std::vector<std::string> args, std::optional<std::string> input, Env env) {
     testsupport::RunOptions options;
     options.args = {"-display", server_->displayName()};
     options.args.insert(options.args.end(), args.begin(), args.end());
     options.input = std::move(input);
     options.workingDirectory = workingDirectory_;
-    // Keeps varoft's report predictable and away from the tester's settings.
-    options.env = {{"USERPROFILE", std::nullopt}, {"USERNAME", std::nullopt}, {"SystemDrive", std::nullopt},
-                   {"DISPLAY", std::nullopt},     {"HOME", "/home/tester"},   {"USER", "tester"},
-                   {"LOGNAME", "tester"}};
+    options.env = quietEnvironment();
+    for (auto& [k, v] : env) options.env[k] = v;
     process_ = std::make_unique<testsupport::RunningProcess>(testsupport::varoftBinary(), options);
     if (!process_->started()) return false;
     auto* process = process_.get();

@@ -20,6 +20,7 @@
 namespace fttest {
 
 using Bytes = std::vector<std::uint8_t>;
+using Env = std::map<std::string, std::optional<std::string>>;
 using namespace std::chrono_literals;
 
 // The requests varoft sends, with their whole size on the wire (padding included), and the
@@ -43,6 +44,8 @@ Event echo(const Reply& r, std::uint8_t kind);
 Bytes bytesOf(std::string_view s);
 // A deterministic pseudo-random block.
 Bytes pattern(std::size_t size, std::uint32_t seed = 1);
+// Environment that keeps varoft's report predictable and away from the tester's settings.
+Env quietEnvironment();
 // Expects a run that ended with exit status 0 and standard error ending in `tail`.
 void expectEnd(const testsupport::RunResult& result, const std::string& tail);
 bool endsWith(const std::string& text, const std::string& tail);
@@ -59,7 +62,7 @@ public:
 
     // Starts varoft with -display and the given arguments; its outcome is collected in the
     // background while the test plays the far side. Waits for the connection.
-    bool start(std::vector<std::string> args, std::optional<std::string> input = {});
+    bool start(std::vector<std::string> args, std::optional<std::string> input = {}, Env env = {});
     void setWorkingDirectory(std::string dir) { workingDirectory_ = std::move(dir); }
     // Waits for varoft to end.
     testsupport::RunResult finish(std::chrono::milliseconds timeout = 20000ms);

@@ -1,5 +1,4 @@
-// The loopback X server against a real libxcb client and against raw sockets.
-#include "x_client.h"
+// The loopback X server against a real libxcb client, and against clients that send it garbage.
 #include "x_server.h"
 
 #include "common/bytes.h"
@@ -7,39 +6,64 @@
 
 #include <gtest/gtest.h>
 
+#include <xcb/xcb.h>
+#include <xcb/xcbext.h>
+
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <array>
+#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <sys/wait.h>
-#include <filesystem>
-#include <fstream>
 #include <random>
-#include <thread>
 
 using namespace std::chrono_literals;
 using loopback::ServerOptions;
 using loopback::XServer;
-using namespace loopbacktest;
 
 namespace {
 
-std::unique_ptr<XServer> startServer(const ServerOptions& options = {}) {
+xcb_extension_t fileTransferExtension{"QRV_ThinFileTransfer12", 0};
+xcb_extension_t printExtension{"QRV_ThinPrint12", 0};
+
+struct XcbDeleter {
+    void operator()(xcb_connection_t* c) const { xcb_disconnect(c); }
+};
+using Connection = std::unique_ptr<xcb_connection_t, XcbDeleter>;
+
+Connection connect(const std::string& display) { return Connection(xcb_connect(display.c_str(), nullptr)); }
+
+std::unique_ptr<XServer> startServer(const ServerOptions& options) {
     std::string error;
     auto server = XServer::start(options, &error);
     EXPECT_TRUE(server) << error;
     return server;
 }
 
+// Sends a void file-transfer request whose body follows the 4-byte header (padded here).
+unsigned sendRequest(xcb_connection_t* c, std::uint8_t minor, std::span<const std::uint8_t> body, bool checked) {
+    std::uint8_t header[4] = {};
+    static const std::uint8_t zeros[4] = {};
+    iovec parts[2 + 3];  // libxcb needs two spare entries before the request's own
+    parts[2] = {header, sizeof header};
+    parts[3] = {const_cast<std::uint8_t*>(body.data()), body.size()};
+    parts[4] = {const_cast<std::uint8_t*>(zeros), (4 - body.size() % 4) % 4};
+    const xcb_protocol_request_t request{3, &fileTransferExtension, minor, 1};
+    return xcb_send_request(c, checked ? XCB_REQUEST_CHECKED : 0, parts + 2, &request);
+}
+
+// The body of a status request (minor 119) carrying `path`.
 std::vector<std::uint8_t> statusBody(std::string_view path) {
     std::vector<std::uint8_t> body;
     bytes::Writer(body).u8(0).u8(0).u16(0).u32(static_cast<std::uint32_t>(path.size())).u32(0).raw(path);
     return body;
 }
 
-// Whether a libxcb connection still works: a GetInputFocus round trip.
+// Whether a libxcb connection works: a GetInputFocus round trip.
 bool roundTrip(xcb_connection_t* c) {
     xcb_generic_error_t* error = nullptr;
     auto* reply = xcb_get_input_focus_reply(c, xcb_get_input_focus(c), &error);
@@ -49,202 +73,131 @@ bool roundTrip(xcb_connection_t* c) {
     return ok;
 }
 
-class ScopedEnv {
+bool serves(const XServer& server) {
+    auto c = connect(server.displayName());
+    return xcb_connection_has_error(c.get()) == 0 && roundTrip(c.get());
+}
+
+// A socket to the display, for bytes no proper client would send.
+class RawClient {
 public:
-    ScopedEnv(const char* name, const std::string& value) : name_(name) {
-        if (const char* old = std::getenv(name)) old_ = old;
-        ::setenv(name, value.c_str(), 1);
+    explicit RawClient(int display) : fd_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::snprintf(addr.sun_path, sizeof addr.sun_path, "/tmp/.X11-unix/X%d", display);
+        EXPECT_EQ(::connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
     }
-    ~ScopedEnv() {
-        if (old_) ::setenv(name_, old_->c_str(), 1);
-        else ::unsetenv(name_);
+    ~RawClient() { ::close(fd_); }
+    RawClient(const RawClient&) = delete;
+    RawClient& operator=(const RawClient&) = delete;
+
+    // Sends what the server takes; it may close the connection part way.
+    void send(std::span<const std::uint8_t> bytes) {
+        for (std::size_t done = 0; done < bytes.size();) {
+            const ssize_t n = ::send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+            if (n <= 0) return;
+            done += static_cast<std::size_t>(n);
+        }
+    }
+    void shutdownWrite() { ::shutdown(fd_, SHUT_WR); }
+    // Exactly n bytes; fewer on end of stream or when nothing comes for 10 s.
+    std::vector<std::uint8_t> read(std::size_t n) {
+        std::vector<std::uint8_t> out(n);
+        std::size_t got = 0;
+        while (got < n) {
+            pollfd p{fd_, POLLIN, 0};
+            const ssize_t r = ::poll(&p, 1, 10000) > 0 ? ::recv(fd_, out.data() + got, n - got, 0) : 0;
+            if (r <= 0) break;
+            got += static_cast<std::size_t>(r);
+        }
+        out.resize(got);
+        return out;
+    }
+    // Sends a little-endian setup without authorisation and reads the whole answer.
+    std::vector<std::uint8_t> handshake() {
+        send(std::array<std::uint8_t, 12>{'l', 0, 11, 0});
+        auto answer = read(8);
+        if (answer.size() < 8) return {};
+        const auto rest = read(bytes::get16(answer, 6) * 4u);
+        answer.insert(answer.end(), rest.begin(), rest.end());
+        return answer;
+    }
+    // True when the server closes the connection (reading whatever comes first).
+    bool closedByServer() {
+        for (std::uint8_t buffer[4096];;) {
+            pollfd p{fd_, POLLIN, 0};
+            if (::poll(&p, 1, 10000) <= 0) return false;
+            const ssize_t r = ::recv(fd_, buffer, sizeof buffer, 0);
+            if (r <= 0) return r == 0 || errno == ECONNRESET;
+        }
     }
 
 private:
-    const char* name_;
-    std::optional<std::string> old_;
+    int fd_;
 };
 
-// An authority file with one entry for any address of `display`.
-void writeAuthority(const std::filesystem::path& path, int display, std::string_view cookie) {
-    std::string out;
-    auto counted = [&](std::string_view s) {
-        out.push_back(static_cast<char>(s.size() >> 8));
-        out.push_back(static_cast<char>(s.size() & 0xFF));
-        out.append(s);
-    };
-    out.push_back(static_cast<char>(0xFF));  // FamilyWild, big-endian 0xFFFF
-    out.push_back(static_cast<char>(0xFF));
-    counted("");
-    counted(std::to_string(display));
-    counted("MIT-MAGIC-COOKIE-1");
-    counted(cookie);
-    testsupport::writeFile(path, out);
-}
-
-// A display number outside the range the automatic choice uses, free right now, so that a
-// test can release and retake it while other tests run beside it.
-int freeFixedDisplay() {
-    for (int i = 0; i < 100; ++i) {
-        ServerOptions options;
-        options.display = 300 + (::getpid() + i) % 100;
-        std::string error;
-        if (XServer::start(options, &error)) return options.display;
+// A server with default options and a libxcb client connected to it.
+class LoopbackXServer : public ::testing::Test {
+protected:
+    void SetUp() override {
+        server = startServer({});
+        ASSERT_TRUE(server);
+        c = connect(server->displayName());
+        ASSERT_EQ(xcb_connection_has_error(c.get()), 0);
     }
-    return -1;
-}
+    std::unique_ptr<XServer> server;
+    Connection c;
+};
 
 }  // namespace
 
-TEST(XServerDisplay, HandshakeGivesOneSaneScreen) {
-    auto server = startServer();
-    ASSERT_TRUE(server);
-    EXPECT_GE(server->display(), 40);
-    EXPECT_EQ(server->displayName(), ":" + std::to_string(server->display()));
-    EXPECT_FALSE(server->clientConnected());
-
-    auto c = connect(server->displayName());
-    ASSERT_EQ(xcb_connection_has_error(c.get()), 0);
+TEST_F(LoopbackXServer, HandshakeGivesOneScreen) {
     const xcb_setup_t* setup = xcb_get_setup(c.get());
     EXPECT_EQ(setup->protocol_major_version, 11);
     EXPECT_EQ(setup->maximum_request_length, 65535);
     EXPECT_NE(setup->resource_id_mask, 0u);
     EXPECT_EQ(setup->resource_id_base & setup->resource_id_mask, 0u);
-    ASSERT_EQ(xcb_setup_roots_length(setup), 1);
-    const xcb_screen_t* screen = xcb_setup_roots_iterator(setup).data;
-    EXPECT_EQ(screen->root_depth, 24);
-    bool rootVisualFound = false;
-    for (auto d = xcb_screen_allowed_depths_iterator(screen); d.rem; xcb_depth_next(&d)) {
-        for (auto v = xcb_depth_visuals_iterator(d.data); v.rem; xcb_visualtype_next(&v))
-            rootVisualFound |= v.data->visual_id == screen->root_visual;
-    }
-    EXPECT_TRUE(rootVisualFound);
+    EXPECT_EQ(xcb_setup_roots_length(setup), 1);
     EXPECT_TRUE(roundTrip(c.get()));
     EXPECT_TRUE(server->waitForClient(5s));
-    EXPECT_EQ(server->clientsAccepted(), 1u);
-
-    c.reset();
-    EXPECT_TRUE(server->waitForDisconnect(5s));
-    EXPECT_FALSE(server->clientConnected());
 }
 
-TEST(XServerDisplay, LockAndSocketAreTakenAndReleased) {
-    const int n = freeFixedDisplay();
-    ASSERT_GE(n, 0);
-    ServerOptions same;
-    same.display = n;
-    auto first = startServer(same);
-    auto second = startServer();
-    auto third = startServer();
-    ASSERT_TRUE(first && second && third);
-    EXPECT_EQ(first->display(), n);
-    EXPECT_NE(second->display(), third->display());
-    const std::string lock = "/tmp/.X" + std::to_string(n) + "-lock";
-    const std::string socket = "/tmp/.X11-unix/X" + std::to_string(n);
-    EXPECT_TRUE(std::filesystem::exists(lock));
-    EXPECT_TRUE(std::filesystem::exists(socket));
-
-    // The same number again is refused while the first server lives.
-    std::string error;
-    EXPECT_FALSE(XServer::start(same, &error));
-    EXPECT_FALSE(error.empty());
-
-    first.reset();
-    EXPECT_FALSE(std::filesystem::exists(lock));
-    EXPECT_FALSE(std::filesystem::exists(socket));
-    auto again = XServer::start(same, &error);
-    ASSERT_TRUE(again) << error;
-    EXPECT_EQ(again->display(), n);
-}
-
-TEST(XServerDisplay, LeftoversOfADeadServerAreReclaimed) {
-    const int n = freeFixedDisplay();
-    ASSERT_GE(n, 0);
-    const std::string lock = "/tmp/.X" + std::to_string(n) + "-lock";
-    const std::string socketPath = "/tmp/.X11-unix/X" + std::to_string(n);
-
-    // A lock naming a process that no longer exists, and a socket file nobody listens on.
-    const pid_t child = ::fork();
-    if (child == 0) ::_exit(0);
-    ASSERT_GT(child, 0);
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    testsupport::writeFile(lock, "      " + std::to_string(child) + "\n");
-    {
-        const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::memcpy(addr.sun_path, socketPath.c_str(), socketPath.size() + 1);
-        ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-        ::close(fd);
-    }
-    ServerOptions options;
-    options.display = n;
-    std::string error;
-    auto server = XServer::start(options, &error);
-    ASSERT_TRUE(server) << error;
-    auto c = connect(server->displayName());
-    EXPECT_EQ(xcb_connection_has_error(c.get()), 0);
-    EXPECT_TRUE(roundTrip(c.get()));
-}
-
-TEST(XServerDisplay, TcpWhenAsked) {
-    ServerOptions options;
-    options.tcp = true;
-    auto server = startServer(options);
-    ASSERT_TRUE(server);
-    auto c = connect("127.0.0.1" + server->displayName());
-    ASSERT_EQ(xcb_connection_has_error(c.get()), 0);
-    EXPECT_TRUE(roundTrip(c.get()));
-}
-
-TEST(XServerSetup, CookieIsChecked) {
+TEST(LoopbackXServerOptions, CookieIsChecked) {
     ServerOptions options;
     options.cookie = std::string("\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0a\x0b\x0c\x0d\x0e\x0f\x10", 16);
     auto server = startServer(options);
     ASSERT_TRUE(server);
     testsupport::TempDir dir;
+    // Connects with an authority file holding one entry (FamilyWild) for the display.
+    auto connectWith = [&](std::string_view cookie) {
+        const std::string display = std::to_string(server->display());
+        std::string file = "\xFF\xFF";
+        for (const std::string_view s : {std::string_view(), std::string_view(display), std::string_view("MIT-MAGIC-COOKIE-1"), cookie}) {
+            file += {static_cast<char>(s.size() >> 8), static_cast<char>(s.size() & 0xFF)};
+            file += s;
+        }
+        testsupport::writeFile(dir / "authority", file);
+        ::setenv("XAUTHORITY", (dir / "authority").c_str(), 1);
+        auto c = connect(server->displayName());
+        ::unsetenv("XAUTHORITY");
+        return c;
+    };
+    auto right = connectWith(options.cookie);
+    ASSERT_EQ(xcb_connection_has_error(right.get()), 0);
+    EXPECT_TRUE(roundTrip(right.get()));
+    EXPECT_NE(xcb_connection_has_error(connectWith(std::string(16, 'x')).get()), 0);
 
-    writeAuthority(dir / "right", server->display(), options.cookie);
-    {
-        ScopedEnv env("XAUTHORITY", (dir / "right").string());
-        auto c = connect(server->displayName());
-        ASSERT_EQ(xcb_connection_has_error(c.get()), 0);
-        EXPECT_TRUE(roundTrip(c.get()));
-    }
-    writeAuthority(dir / "wrong", server->display(), std::string(16, 'x'));
-    {
-        ScopedEnv env("XAUTHORITY", (dir / "wrong").string());
-        auto c = connect(server->displayName());
-        EXPECT_NE(xcb_connection_has_error(c.get()), 0);
-    }
     // What a client without any cookie is told, byte by byte.
     RawClient raw(server->display());
-    auto answer = raw.handshake();
-    ASSERT_TRUE(answer);
-    EXPECT_EQ((*answer)[0], 0);  // Failed
-    const std::string reason(answer->begin() + 8, answer->begin() + 8 + (*answer)[1]);
-    EXPECT_EQ(reason, "No protocol specified\n");
+    const auto answer = raw.handshake();
+    ASSERT_GT(answer.size(), 8u);
+    EXPECT_EQ(answer[0], 0);  // Failed
+    EXPECT_EQ(std::string(answer.begin() + 8, answer.begin() + 8 + answer[1]), "No protocol specified\n");
     EXPECT_TRUE(raw.closedByServer());
     EXPECT_EQ(server->clientsAccepted(), 1u);
 }
 
-TEST(XServerSetup, BigEndianClientIsRefused) {
-    auto server = startServer();
-    ASSERT_TRUE(server);
-    RawClient raw(server->display());
-    const std::uint8_t setup[12] = {'B', 0, 0, 11, 0, 0, 0, 0, 0, 0, 0, 0};
-    ASSERT_TRUE(raw.send(setup));
-    auto answer = raw.readSetupAnswer(true);
-    ASSERT_TRUE(answer);
-    EXPECT_EQ((*answer)[0], 0);
-    EXPECT_EQ((*answer)[2], 0);  // protocol major 11, big-endian
-    EXPECT_EQ((*answer)[3], 11);
-    EXPECT_GT((*answer)[1], 0);
-    EXPECT_TRUE(raw.closedByServer());
-}
-
-TEST(XServerRequests, ExtensionsCanBeSwitchedOff) {
+TEST(LoopbackXServerOptions, ExtensionLookupAndSwitchingOff) {
     for (const bool on : {true, false}) {
         ServerOptions options;
         options.fileTransferExtension = options.printExtension = options.bigRequests = on;
@@ -262,41 +215,17 @@ TEST(XServerRequests, ExtensionsCanBeSwitchedOff) {
             EXPECT_EQ(print->major_opcode, server->printOpcode());
         }
         EXPECT_EQ(xcb_get_maximum_request_length(c.get()), on ? loopback::kBigRequestMaxUnits : 65535u);
-        auto* other = xcb_query_extension_reply(c.get(), xcb_query_extension(c.get(), 5, "SHAPE"), nullptr);
-        ASSERT_TRUE(other);
-        EXPECT_EQ(other->present, 0);
-        std::free(other);
     }
 }
 
-TEST(XServerRequests, UnknownRequestsGetBadRequest) {
-    auto server = startServer();
-    ASSERT_TRUE(server);
-    auto c = connect(server->displayName());
-    ASSERT_EQ(xcb_connection_has_error(c.get()), 0);
-    const std::uint8_t body[8] = {};
-    const unsigned seq = sendRequest(c.get(), nullptr, 1 /* CreateWindow */, body, true, true);
-    xcb_generic_error_t* error = xcb_request_check(c.get(), {seq});
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->error_code, 1);
-    EXPECT_EQ(error->major_code, 1);
-    EXPECT_EQ(error->full_sequence, seq);
-    std::free(error);
-    EXPECT_TRUE(roundTrip(c.get()));
-}
-
-TEST(XServerRequests, SequenceSurvivesTheSixteenBitWrap) {
-    auto server = startServer();
-    ASSERT_TRUE(server);
-    auto c = connect(server->displayName());
-    ASSERT_EQ(xcb_connection_has_error(c.get()), 0);
+TEST_F(LoopbackXServer, SequenceSurvivesTheSixteenBitWrap) {
     constexpr int kCount = 70000;
     unsigned first = 0;
     for (int i = 0; i < kCount; ++i) {
-        const unsigned seq = sendRequest(c.get(), &fileTransferExtension, 119, statusBody(std::to_string(i)), true, false);
+        const unsigned seq = sendRequest(c.get(), 119, statusBody(std::to_string(i)), false);
         if (i == 0) first = seq;
     }
-    const unsigned checked = sendRequest(c.get(), &fileTransferExtension, 119, statusBody("last"), true, true);
+    const unsigned checked = sendRequest(c.get(), 119, statusBody("last"), true);
     xcb_generic_error_t* none = xcb_request_check(c.get(), {checked});
     EXPECT_EQ(none, nullptr);
     std::free(none);
@@ -319,8 +248,8 @@ TEST(XServerRequests, SequenceSurvivesTheSixteenBitWrap) {
     EXPECT_EQ(last->sequence, static_cast<std::uint16_t>(checked));
     EXPECT_GT(checked - first, 65536u);
 
-    // An error the test sends for a request past the wrap reaches the right request.
-    const unsigned failing = sendRequest(c.get(), &fileTransferExtension, 119, statusBody("x"), true, true);
+    // An error for a request past the wrap reaches the right request.
+    const unsigned failing = sendRequest(c.get(), 119, statusBody("x"), true);
     xcb_flush(c.get());
     auto r = server->nextRequest(5s);
     ASSERT_TRUE(r);
@@ -334,15 +263,11 @@ TEST(XServerRequests, SequenceSurvivesTheSixteenBitWrap) {
     std::free(error);
 }
 
-TEST(XServerRequests, BigRequestIsNormalised) {
-    auto server = startServer();
-    ASSERT_TRUE(server);
-    auto c = connect(server->displayName());
-    ASSERT_EQ(xcb_connection_has_error(c.get()), 0);
+TEST_F(LoopbackXServer, BigRequestIsNormalised) {
     std::vector<std::uint8_t> body(300001);
     for (std::size_t i = 0; i < body.size(); ++i) body[i] = static_cast<std::uint8_t>(i * 7 + 3);
-    const unsigned seq = sendRequest(c.get(), &fileTransferExtension, 115, body, true, false);
-    sendRequest(c.get(), &fileTransferExtension, 119, statusBody("after"), true, false);
+    const unsigned seq = sendRequest(c.get(), 115, body, false);
+    sendRequest(c.get(), 119, statusBody("after"), false);
     xcb_flush(c.get());
     EXPECT_EQ(xcb_connection_has_error(c.get()), 0);
 
@@ -364,252 +289,66 @@ TEST(XServerRequests, BigRequestIsNormalised) {
     EXPECT_EQ(bytes::get16(small->bytes, 2) * 4u, small->bytes.size());
 }
 
-TEST(XServerRequests, PrintReplyCarriesCodeAndReason) {
-    auto server = startServer();
-    ASSERT_TRUE(server);
-    auto c = connect(server->displayName());
-    ASSERT_EQ(xcb_connection_has_error(c.get()), 0);
-    for (const std::string_view reason : {std::string_view{}, std::string_view("printer on fire")}) {
-        std::vector<std::uint8_t> body;
-        bytes::Writer(body).u8(0).u8(0).u16(5).u32(2).raw("a.txt").raw("hi");
-        const unsigned seq = sendRequest(c.get(), &printExtension, 1, body, false, true);
-        xcb_flush(c.get());
-        auto r = server->nextRequest(5s);
-        ASSERT_TRUE(r);
-        EXPECT_EQ(r->major, server->printOpcode());
-        EXPECT_EQ(r->minor, 1);
-        EXPECT_EQ(bytes::get16(r->bytes, 2), 5);  // 12 fixed + 7 bytes + 1 pad
-        ASSERT_TRUE(server->sendPrintReply(*r, reason.empty() ? 0 : 2, reason));
-        xcb_generic_error_t* error = nullptr;
-        void* reply = xcb_wait_for_reply(c.get(), seq, &error);
-        ASSERT_TRUE(reply);
-        EXPECT_EQ(error, nullptr);
-        const auto* head = static_cast<const std::uint8_t*>(reply);
-        const std::span<const std::uint8_t> view(head, 32 + 4 * bytes::get32({head, 8}, 4));
-        EXPECT_EQ(view[1], reason.empty() ? 0 : 2);
-        ASSERT_EQ(bytes::get32(view, 8), reason.size());
-        EXPECT_EQ(std::string(view.begin() + 32, view.begin() + 32 + static_cast<std::ptrdiff_t>(reason.size())), reason);
-        std::free(reply);
-    }
-}
-
-TEST(XServerEvents, GenericEventReachesTheClient) {
-    auto server = startServer();
-    ASSERT_TRUE(server);
-    auto c = connect(server->displayName());
-    ASSERT_EQ(xcb_connection_has_error(c.get()), 0);
-    ASSERT_TRUE(server->waitForClient(5s));
-    const unsigned seq = sendRequest(c.get(), &fileTransferExtension, 119, statusBody("p"), true, false);
-    xcb_flush(c.get());
-    ASSERT_TRUE(server->nextRequest(5s));
-
-    const std::uint8_t head[3] = {7, 8, 9};
-    const std::uint8_t extra[5] = {1, 2, 3, 4, 5};
-    ASSERT_TRUE(server->sendGenericEvent(90, extra, head));
-    xcb_generic_event_t* event = xcb_wait_for_event(c.get());
-    ASSERT_TRUE(event);
-    const auto* ge = reinterpret_cast<const xcb_ge_generic_event_t*>(event);
-    EXPECT_EQ(ge->response_type, XCB_GE_GENERIC);
-    EXPECT_EQ(ge->extension, server->fileTransferOpcode());
-    EXPECT_EQ(ge->sequence, static_cast<std::uint16_t>(seq));
-    EXPECT_EQ(ge->length, 2u);
-    EXPECT_EQ(ge->event_type, 90);
-    const auto* raw = reinterpret_cast<const std::uint8_t*>(event);
-    EXPECT_EQ(raw[10], 7);
-    EXPECT_EQ(raw[12], 9);
-    EXPECT_EQ(raw[13], 0);
-    EXPECT_EQ(raw[36], 1);  // libxcb put its full sequence at 32
-    EXPECT_EQ(raw[40], 5);
-    EXPECT_EQ(raw[41], 0);
-    std::free(event);
-}
-
-TEST(XServerEvents, ClosedClientIsDroppedAndTheNextServed) {
-    auto server = startServer();
-    ASSERT_TRUE(server);
-    auto c = connect(server->displayName());
-    ASSERT_TRUE(server->waitForClient(5s));
-    const std::uint32_t firstId = server->currentClient();
-    ASSERT_EQ(xcb_connection_has_error(c.get()), 0);
-    ASSERT_TRUE(server->sendGenericEvent(13, {}));
-    server->closeClient();
-    xcb_generic_event_t* event = xcb_wait_for_event(c.get());
-    ASSERT_TRUE(event);  // what was queued before the close still arrives
-    std::free(event);
-    EXPECT_EQ(xcb_wait_for_event(c.get()), nullptr);
-    EXPECT_NE(xcb_connection_has_error(c.get()), 0);
-    EXPECT_FALSE(server->sendGenericEvent(13, {}));
-
-    auto next = connect(server->displayName());
-    ASSERT_EQ(xcb_connection_has_error(next.get()), 0);
-    EXPECT_TRUE(roundTrip(next.get()));
-    EXPECT_NE(server->currentClient(), firstId);
-    EXPECT_EQ(server->clientsAccepted(), 2u);
-}
-
-// Garbage of every kind ends in an X error or a closed connection, and the server goes on.
-TEST(XServerGarbage, BadBytesGiveAnErrorOrAClose) {
-    auto server = startServer();
-    ASSERT_TRUE(server);
-    const int n = server->display();
-    auto stillServes = [&] {
-        auto c = connect(server->displayName());
-        return xcb_connection_has_error(c.get()) == 0 && roundTrip(c.get());
+// Garbage ends in an X error or a closed connection, never in a crash, and the next client is
+// served.
+TEST_F(LoopbackXServer, GarbageGetsAnErrorOrAClose) {
+    const std::uint8_t ft = server->fileTransferOpcode(), bigReq = loopback::kBigRequestsOpcode;
+    struct Answer {
+        std::uint8_t type, code;
+        std::uint16_t sequence;
+        std::uint8_t major;  // of an error
     };
-
-    {  // not an X client at all
-        RawClient raw(n);
-        ASSERT_TRUE(raw.send("GET / HTTP/1.0\r\n\r\n"));
-        EXPECT_TRUE(raw.closedByServer());
-    }
-    {  // an unknown opcode: BadRequest with the right sequence, and the connection stays
-        RawClient raw(n);
-        ASSERT_TRUE(raw.handshake());
-        const std::uint8_t req[8] = {200, 3, 2, 0, 0, 0, 0, 0};
-        ASSERT_TRUE(raw.send(req));
-        ASSERT_TRUE(raw.send(req));
-        for (std::uint16_t seq = 1; seq <= 2; ++seq) {
-            auto e = raw.read(32);
-            ASSERT_TRUE(e);
-            EXPECT_EQ((*e)[0], 0);
-            EXPECT_EQ((*e)[1], 1);
-            EXPECT_EQ(bytes::get16(*e, 2), seq);
-            EXPECT_EQ((*e)[10], 200);
-            EXPECT_EQ(bytes::get16(*e, 8), 3);
+    struct Case {
+        const char* what;
+        bool handshake;
+        std::vector<std::uint8_t> bytes;
+        std::vector<Answer> answers;  // 32 bytes each, in order
+        bool stays;                   // the connection still answers a GetInputFocus
+    };
+    const std::vector<Case> cases = {
+        {"not an X client", false, {'G', 'E', 'T', ' ', '/', '\r', '\n'}, {}, false},
+        {"big-endian client", false, {'B', 0, 0, 11, 0, 0, 0, 0, 0, 0, 0, 0}, {}, false},
+        {"setup cut short", false, {'l', 0, 11, 0, 16, 0, 16, 0}, {}, false},
+        {"unknown opcode", true, {200, 3, 2, 0, 0, 0, 0, 0, 200, 3, 2, 0, 0, 0, 0, 0}, {{0, 1, 1, 200}, {0, 1, 2, 200}}, true},
+        {"length 0 without BIG-REQUESTS", true, {43, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}, {{0, 16, 1, 43}}, false},
+        {"absurd big length", true, {bigReq, 0, 1, 0, ft, 115, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}, {{1, 0, 1, 0}, {0, 16, 2, ft}}, false},
+        {"big length below its header", true, {bigReq, 0, 1, 0, ft, 115, 0, 0, 1, 0, 0, 0}, {{1, 0, 1, 0}, {0, 16, 2, ft}}, false},
+        {"QueryExtension name past its end", true, {98, 0, 3, 0, 200, 0, 0, 0, 'a', 'b', 'c', 'd'}, {{0, 16, 1, 98}}, true},
+        {"request cut short", true, {ft, 115, 100, 0, 1, 2, 3, 4}, {}, false},
+    };
+    for (const auto& k : cases) {
+        SCOPED_TRACE(k.what);
+        RawClient raw(server->display());
+        if (k.handshake) {
+            ASSERT_GT(raw.handshake().size(), 8u);
         }
-    }
-    {  // length 0 without BIG-REQUESTS: BadLength, then the close
-        RawClient raw(n);
-        ASSERT_TRUE(raw.handshake());
-        const std::uint8_t req[8] = {43, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF};
-        ASSERT_TRUE(raw.send(req));
-        auto e = raw.read(32);
-        ASSERT_TRUE(e);
-        EXPECT_EQ((*e)[0], 0);
-        EXPECT_EQ((*e)[1], 16);
-        EXPECT_TRUE(raw.closedByServer());
-    }
-    {  // an absurd big length after BigReqEnable: BadLength and a close, no allocation of it
-        RawClient raw(n);
-        ASSERT_TRUE(raw.handshake());
-        const std::uint8_t enable[4] = {loopback::kBigRequestsOpcode, 0, 1, 0};
-        ASSERT_TRUE(raw.send(enable));
-        auto reply = raw.read(32);
-        ASSERT_TRUE(reply);
-        EXPECT_EQ((*reply)[0], 1);
-        EXPECT_EQ(bytes::get32(*reply, 8), loopback::kBigRequestMaxUnits);
-        const std::uint8_t huge[8] = {server->fileTransferOpcode(), 115, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF};
-        ASSERT_TRUE(raw.send(huge));
-        auto e = raw.read(32);
-        ASSERT_TRUE(e);
-        EXPECT_EQ((*e)[1], 16);
-        EXPECT_EQ(bytes::get16(*e, 2), 2);
-        EXPECT_TRUE(raw.closedByServer());
-        const std::uint8_t tooShort[8] = {server->fileTransferOpcode(), 115, 0, 0, 1, 0, 0, 0};
-        RawClient again(n);
-        ASSERT_TRUE(again.handshake());
-        ASSERT_TRUE(again.send(enable));
-        ASSERT_TRUE(again.read(32));
-        ASSERT_TRUE(again.send(tooShort));
-        auto e2 = again.read(32);
-        ASSERT_TRUE(e2);
-        EXPECT_EQ((*e2)[1], 16);
-        EXPECT_TRUE(again.closedByServer());
-    }
-    {  // a QueryExtension whose name runs past its request
-        RawClient raw(n);
-        ASSERT_TRUE(raw.handshake());
-        const std::uint8_t req[12] = {98, 0, 3, 0, 200, 0, 0, 0, 'a', 'b', 'c', 'd'};
-        ASSERT_TRUE(raw.send(req));
-        auto e = raw.read(32);
-        ASSERT_TRUE(e);
-        EXPECT_EQ((*e)[0], 0);
-        EXPECT_EQ((*e)[1], 16);
-        EXPECT_TRUE(raw.send(req));  // the connection is still usable
-        EXPECT_TRUE(raw.read(32));
-    }
-    {  // a request cut short, then the client stops writing
-        RawClient raw(n);
-        ASSERT_TRUE(raw.handshake());
-        const std::uint8_t req[8] = {server->fileTransferOpcode(), 115, 100, 0, 1, 2, 3, 4};
-        ASSERT_TRUE(raw.send(req));
-        raw.shutdownWrite();
-        EXPECT_TRUE(raw.closedByServer());
-    }
-    {  // a setup cut short
-        RawClient raw(n);
-        ASSERT_TRUE(raw.send("l\0\x0b\0\x10\0\x10\0"));
-        raw.shutdownWrite();
-        EXPECT_TRUE(raw.closedByServer());
-    }
-    EXPECT_TRUE(stillServes());
-
-    // Random bytes after a proper handshake: whatever the server makes of them, it answers only
-    // with errors and replies, and keeps serving others.
-    std::mt19937 random(1234);
-    for (int round = 0; round < 20; ++round) {
-        RawClient raw(n);
-        ASSERT_TRUE(raw.handshake());
-        std::vector<std::uint8_t> junk(1 + random() % 3000);
-        for (auto& b : junk) b = static_cast<std::uint8_t>(random());
-        raw.send(junk);
-        raw.shutdownWrite();
-        EXPECT_TRUE(raw.closedByServer()) << "round " << round;
-    }
-    EXPECT_TRUE(stillServes());
-    // Vendor requests among the junk are queued whole; none is malformed in length.
-    while (auto r = server->nextRequest(0ms)) EXPECT_EQ(r->bytes.size() % 4, 0u);
-}
-
-// Idle connections beyond what the server keeps are closed at once; when they go, others are
-// served again.
-TEST(XServerGarbage, ConnectionFloodIsBounded) {
-    auto server = startServer();
-    ASSERT_TRUE(server);
-    std::vector<std::unique_ptr<RawClient>> idle;
-    for (int i = 0; i < 64; ++i) idle.push_back(std::make_unique<RawClient>(server->display()));
-    // Every kept connection still completes a handshake once it speaks.
-    ASSERT_TRUE(idle.front()->handshake());
-    RawClient extra(server->display());
-    ASSERT_TRUE(extra.connected());
-    EXPECT_TRUE(extra.closedByServer());
-    idle.clear();
-    for (int attempt = 0; attempt < 100; ++attempt) {  // until the server has seen them go
-        auto c = connect(server->displayName());
-        if (xcb_connection_has_error(c.get()) == 0) {
-            EXPECT_TRUE(roundTrip(c.get()));
-            return;
+        raw.send(k.bytes);
+        for (const auto& a : k.answers) {
+            const auto got = raw.read(32);
+            ASSERT_EQ(got.size(), 32u);
+            EXPECT_EQ(got[0], a.type);
+            EXPECT_EQ(got[1], a.code);
+            EXPECT_EQ(bytes::get16(got, 2), a.sequence);
+            if (a.type == 0) {
+                EXPECT_EQ(got[10], a.major);
+            }
         }
-        std::this_thread::sleep_for(20ms);
+        if (k.stays) {
+            raw.send(std::array<std::uint8_t, 4>{43, 0, 1, 0});
+            const auto reply = raw.read(32);
+            ASSERT_EQ(reply.size(), 32u);
+            EXPECT_EQ(reply[0], 1);
+        }
+        raw.shutdownWrite();
+        EXPECT_TRUE(raw.closedByServer());
     }
-    ADD_FAILURE() << "no client served after the flood";
-}
-
-// A client that connects, sends and leaves before anyone looks is still reported, once, and
-// what it sent is still there to be read.
-TEST(XServerEvents, QuickClientIsReportedOnce) {
-    auto server = startServer();
-    ASSERT_TRUE(server);
-    {
-        auto c = connect(server->displayName());
-        sendRequest(c.get(), &fileTransferExtension, 119, statusBody("bye"), true, false);
-        EXPECT_TRUE(roundTrip(c.get()));
-    }
-    auto r = server->nextRequest(5s);
-    ASSERT_TRUE(r);
-    EXPECT_EQ(r->client, server->lastClient());
-    for (int i = 0; i < 500 && server->clientConnected(); ++i) std::this_thread::sleep_for(10ms);
-    EXPECT_FALSE(server->clientConnected());
-    EXPECT_TRUE(server->waitForClient(0ms));
-    EXPECT_FALSE(server->waitForClient(50ms));
+    EXPECT_TRUE(serves(*server));
 }
 
 // A valid conversation with a few bytes changed at random, many times over: every connection
 // ends (no hang), the server never reads outside what it got (ASan in the sanitizer build) and
 // it keeps serving proper clients.
-TEST(XServerGarbage, MutatedConversationsNeverBreakTheServer) {
-    auto server = startServer();
-    ASSERT_TRUE(server);
+TEST_F(LoopbackXServer, MutatedConversationsNeverBreakTheServer) {
     std::vector<std::uint8_t> valid;
     bytes::Writer w(valid);
     w.u8('l').u8(0).u16(11).u16(0).u16(18).u16(16).u16(0).raw("MIT-MAGIC-COOKIE-1").pad4().zeros(16);
@@ -621,20 +360,17 @@ TEST(XServerGarbage, MutatedConversationsNeverBreakTheServer) {
     w.u8(server->printOpcode()).u8(1).u16(4).u8(0).u8(0).u16(1).u32(2).raw("abc").pad4();
     std::mt19937 random(99);
     for (int round = 0; round < 200; ++round) {
-        auto bytes = valid;
+        auto conversation = valid;
         const int changes = 1 + static_cast<int>(random() % 4);
         // Every other round leaves the setup (the first 48 bytes) alone, so the requests are read.
         const std::size_t from = round % 2 ? 48 : 0;
-        for (int i = 0; i < changes; ++i) bytes[from + random() % (bytes.size() - from)] = static_cast<std::uint8_t>(random());
+        for (int i = 0; i < changes; ++i) conversation[from + random() % (conversation.size() - from)] = static_cast<std::uint8_t>(random());
         RawClient raw(server->display());
-        ASSERT_TRUE(raw.connected());
-        raw.send(bytes);
+        raw.send(conversation);
         raw.shutdownWrite();
         ASSERT_TRUE(raw.closedByServer()) << "round " << round;
     }
-    while (server->nextRequest(0ms)) {
-    }
-    auto c = connect(server->displayName());
-    ASSERT_EQ(xcb_connection_has_error(c.get()), 0);
-    EXPECT_TRUE(roundTrip(c.get()));
+    // Vendor requests among them are queued whole.
+    while (auto r = server->nextRequest(0ms)) EXPECT_EQ(r->bytes.size() % 4, 0u);
+    EXPECT_TRUE(serves(*server));
 }

@@ -1,0 +1,90 @@
+#include "filetransfer/delete_rename.h"
+
+#include <string>
+
+#include "app/log.h"
+#include "common/bytes.h"
+#include "filetransfer/framing.h"
+#include "filetransfer/protocol.h"
+#include "filetransfer/transfer.h"
+#include "platform/platform.h"
+
+namespace {
+
+// A name is kept the way a C string would hold it: up to its first NUL byte.
+std::string_view cString(std::string_view text) { return text.substr(0, text.find('\0')); }
+
+// Removes what the path names without following a final symbolic link. Trailing separators
+// are dropped first: "link/" would make the system look through the link.
+bool removePath(std::string path) {
+    while (path.size() > 1 && path.back() == platform::kSeparator) path.pop_back();
+    platform::Status st;
+    if (platform::linkStatus(path, st) && st.kind == platform::Kind::Directory) {
+        // Never the whole file system, by any spelling of its root ("/.", "/tmp/..").
+        if (platform::isFileSystemRoot(path)) {
+            platform::setLastError(platform::deniedErrorCode());
+            return false;
+        }
+        // The tree removal refuses some paths without a system error of its own.
+        platform::setLastError(platform::deniedErrorCode());
+        return removeDirectoryTree(path) != 0;
+    }
+    return platform::removeFile(path);
+}
+
+}  // namespace
+
+bool decodeDeleteRequest(std::span<const std::uint8_t> event, DeleteRequest& out) {
+    bytes::Reader r(event, kGenericEventPayloadOffset);
+    r.skip(2);
+    out.length = r.u16();
+    const std::string_view path = r.text(out.length);
+    if (!r.ok()) return false;
+    out.path = cString(path);
+    return true;
+}
+
+bool decodeRenameRequest(std::span<const std::uint8_t> event, RenameRequest& out) {
+    bytes::Reader r(event, kGenericEventPayloadOffset);
+    out.oldLength = r.u16();
+    out.newLength = r.u16();
+    const std::string_view oldName = r.text(out.oldLength);
+    const std::string_view newName = r.text(out.newLength);
+    if (!r.ok()) return false;
+    out.oldName = cString(oldName);
+    out.newName = cString(newName);
+    return true;
+}
+
+void handleDeleteRequest(xcb_connection_t* connection, std::span<const std::uint8_t> event) {
+    logPrint(2, "Reading delete file request.\n");
+    DeleteRequest request;
+    if (!decodeDeleteRequest(event, request)) {
+        logDroppedEvent(kDeleteFileRequest);
+        return;
+    }
+    const std::string path(request.path);
+    if (path.empty()) {
+        // Nothing named: a failure, without asking the file system about an empty path.
+        platform::setLastError(platform::missingErrorCode());
+        sendFileTransferStatus(connection, {}, kStatusDelete, true);
+        return;
+    }
+    const bool removed = removePath(path);
+    sendFileTransferStatus(connection, path, kStatusDelete, !removed);
+}
+
+void handleRenameRequest(xcb_connection_t* connection, std::span<const std::uint8_t> event) {
+    logPrint(2, "Reading rename file request.\n");
+    RenameRequest request;
+    if (!decodeRenameRequest(event, request)) {
+        logDroppedEvent(kRenameFileRequest);
+        return;
+    }
+    // A request without both names is left unanswered.
+    if (request.oldLength == 0 || request.newLength == 0) return;
+    const std::string oldName(request.oldName);
+    const std::string newName(request.newName);
+    const bool moved = platform::renameNoReplace(oldName, newName);
+    sendFileTransferStatus(connection, oldName, kStatusRename, !moved);
+}
