@@ -14,12 +14,9 @@ namespace fs = std::filesystem;
 
 TEST(FileTransferCommandLine, SendModesAnnounceThenSendEveryChunk) {
     testsupport::TempDir dir;
-    struct Case {
-        std::vector<std::string> args;  // the local path as given, relative to the working directory
-        std::size_t size;
-        std::uint8_t objectType, openFlag;
-        std::string a;
-    } cases[] = {
+    // The command line (its local path relative to the working directory), then the size and
+    // the announced object type, open flag and name A.
+    const std::tuple<std::vector<std::string>, std::size_t, int, int, std::string> cases[] = {
         {{"-put", "empty.bin"}, 0, 1, 0, "?"},
         {{"-put", "one.bin"}, 1, 1, 0, "?"},
         {{"-put", "exact.bin", "Documents/b.txt"}, 131072, 1, 0, "Documents/b.txt"},
@@ -28,22 +25,22 @@ TEST(FileTransferCommandLine, SendModesAnnounceThenSendEveryChunk) {
         {{"-open", "c.txt"}, 1, 0, 1, "c.txt"},
     };
     fs::create_directories(dir / "sub");
-    for (const auto& c : cases) {
-        const std::string& local = c.args[1];
+    for (const auto& [args, size, objectType, openFlag, a] : cases) {
+        const std::string& local = args[1];
         SCOPED_TRACE(local);
         FarSide far;
         FAR_SIDE_OR_SKIP(far);
-        const Bytes content = pattern(c.size);
+        const Bytes content = pattern(size);
         testsupport::writeFile(dir / local, std::string(content.begin(), content.end()));
         far.setWorkingDirectory(dir.str());
-        ASSERT_TRUE(far.start(c.args));
+        ASSERT_TRUE(far.start(args));
         const auto announce = far.nextReply();
         ASSERT_TRUE(announce);
-        EXPECT_EQ(fieldsOf(*announce), Fields(1, c.objectType, c.openFlag, 10, c.size, c.a, local));
+        EXPECT_EQ(fieldsOf(*announce), Fields(1, objectType, openFlag, 10, size, a, local));
         EXPECT_TRUE(announce->block.empty());
         std::size_t chunks = 0;
         EXPECT_EQ(far.pull(*announce, &chunks), content);
-        EXPECT_EQ(chunks, (c.size + 131071) / 131072);
+        EXPECT_EQ(chunks, (size + 131071) / 131072);
         expectEnd(far.finish(), "File Transfer completed.\n");
         EXPECT_TRUE(fs::exists(dir / local));  // a send keeps its source
     }
@@ -143,16 +140,16 @@ TEST(FileTransferCommandLine, LocalErrorsEndTheRunBeforeAnyRequest) {
         // error and the event loop ends without a message.
         {{"-put", plain}, "Version 12.5\n\n", false},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.args[0] + " " + c.args.back());
+    for (const auto& [args, tail, extension] : cases) {
+        SCOPED_TRACE(args[0] + " " + args.back());
         loopback::ServerOptions options;
-        options.fileTransferExtension = c.extension;
+        options.fileTransferExtension = extension;
         FarSide far(options);
         FAR_SIDE_OR_SKIP(far);
-        ASSERT_TRUE(far.start(c.args));
+        ASSERT_TRUE(far.start(args));
         EXPECT_TRUE(far.quiet(200ms));
         const auto result = far.finish();
-        expectEnd(result, c.tail);
+        expectEnd(result, tail);
         EXPECT_FALSE(contains(result.err, "overwrite"));
     }
 }

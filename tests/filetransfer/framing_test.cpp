@@ -3,6 +3,7 @@
 
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "common/bytes.h"
@@ -36,23 +37,17 @@ TEST(FileTransferReplyEncoding, ExactBytes) {
 TEST(FileTransferReplyEncoding, LengthsAndPadding) {
     const Bytes block(7, 0x55);
     const std::string longName(65536 + 5, 'x');
-    struct Case {
-        std::uint8_t direction;
-        std::string_view a, b;
-        std::size_t size;
-        std::uint16_t lengthA;
-        std::uint32_t lengthC;
-    } cases[] = {
+    const std::tuple<std::uint8_t, std::string_view, std::string_view, std::size_t, std::uint16_t, std::uint32_t> cases[] = {
         {1, "abc", "de", 36, 3, 7}, {1, "abcd", "efgh", 40, 4, 7}, {1, "", "", 32, 0, 7},
         {2, "abc", "de", 32, 3, 0}, {2, "", "", 24, 0, 0},         {2, longName, "", 32, 5, 0},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << int(c.direction) << " " << c.a.size() << " " << c.b.size());
-        const Bytes wire = encodeFileTransferReply(1, FileTransferReplyFields{c.direction, 1, 0, 4, 0, c.a, c.b, block});
-        EXPECT_EQ(wire.size(), c.size);
+    };  // direction, string A, string B, size on the wire, length fields of A and C
+    for (const auto& [direction, a, b, size, lengthA, lengthC] : cases) {
+        SCOPED_TRACE(testing::Message() << int(direction) << " " << a.size() << " " << b.size());
+        const Bytes wire = encodeFileTransferReply(1, FileTransferReplyFields{direction, 1, 0, 4, 0, a, b, block});
+        EXPECT_EQ(wire.size(), size);
         EXPECT_EQ(bytes::get16(wire, 2), wire.size() / 4);
-        EXPECT_EQ(bytes::get16(wire, 16), c.lengthA);
-        EXPECT_EQ(bytes::get32(wire, 20), c.lengthC);
+        EXPECT_EQ(bytes::get16(wire, 16), lengthA);
+        EXPECT_EQ(bytes::get32(wire, 20), lengthC);
     }
 }
 
