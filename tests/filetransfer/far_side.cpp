@@ -1,5 +1,10 @@
 #include "far_side.h"
 
+#include <gtest/gtest.h>
+
+#include <random>
+#include <tuple>
+
 #include "common/bytes.h"
 
 namespace fttest {
@@ -7,33 +12,31 @@ namespace fttest {
 Bytes bytesOf(std::string_view s) { return Bytes(s.begin(), s.end()); }
 
 Bytes pattern(std::size_t size, std::uint32_t seed) {
+    std::minstd_rand next(seed);
     Bytes out(size);
-    std::uint32_t x = seed * 2654435761u + 1;
-    for (auto& b : out) {
-        x ^= x << 13;
-        x ^= x >> 17;
-        x ^= x << 5;
-        b = static_cast<std::uint8_t>(x);
-    }
+    for (auto& b : out) b = static_cast<std::uint8_t>(next() >> 7);
     return out;
 }
 
-Bytes transferPayload(const Event& e, std::optional<std::uint16_t> lengthA, std::optional<std::uint16_t> lengthB,
-                      std::optional<std::uint32_t> dataLength) {
-    Bytes p;
-    bytes::Writer w(p);
-    w.u8(e.direction).u8(e.objectType).u8(e.openFlag).u8(e.kind).u64(e.size);
-    w.u16(lengthA.value_or(static_cast<std::uint16_t>(e.a.size())));
-    w.u16(lengthB.value_or(static_cast<std::uint16_t>(e.b.size())));
-    w.u32(dataLength.value_or(static_cast<std::uint32_t>(e.data.size())));
-    w.raw(e.a).raw(e.b).raw(e.data);
-    return p;
+bool endsWith(const std::string& text, const std::string& tail) {
+    return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
 }
+bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
-std::map<std::string, std::optional<std::string>> quietEnvironment() {
+Env quietEnvironment() {
     return {{"USERPROFILE", std::nullopt}, {"USERNAME", std::nullopt}, {"SystemDrive", std::nullopt},
             {"DISPLAY", std::nullopt},     {"HOME", "/home/tester"},   {"USER", "tester"},
             {"LOGNAME", "tester"}};
+}
+
+void expectEnd(const testsupport::RunResult& result, const std::string& tail) {
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_FALSE(result.timedOut);
+    EXPECT_TRUE(endsWith(result.err, tail)) << result.err;
+}
+
+Event echo(const Reply& r, std::uint8_t kind) {
+    return Event{r.direction, r.objectType, r.openFlag, kind, r.size, r.nameA, r.nameB, {}};
 }
 
 FarSide::FarSide(loopback::ServerOptions options) { server_ = loopback::XServer::start(options, &error_); }
@@ -45,26 +48,15 @@ FarSide::~FarSide() {
     }
 }
 
-bool FarSide::start(std::vector<std::string> args, std::optional<std::string> input,
-                    std::map<std::string, std::optional<std::string>> env) {
-    std::vector<std::string> all = {"-display", server_->displayName()};
-    all.insert(all.end(), args.begin(), args.end());
-    return launch(testsupport::varoftBinary(), std::move(all), std::move(input), std::move(env));
-}
-
-bool FarSide::startCommand(const std::string& program, std::vector<std::string> args) {
-    return launch(program, std::move(args), std::nullopt, {});
-}
-
-bool FarSide::launch(const std::string& program, std::vector<std::string> args, std::optional<std::string> input,
-                     std::map<std::string, std::optional<std::string>> env) {
+bool FarSide::start(std::vector<std::string> args, std::optional<std::string> input, Env env) {
     testsupport::RunOptions options;
-    options.args = std::move(args);
+    options.args = {"-display", server_->displayName()};
+    options.args.insert(options.args.end(), args.begin(), args.end());
     options.input = std::move(input);
     options.workingDirectory = workingDirectory_;
     options.env = quietEnvironment();
     for (auto& [k, v] : env) options.env[k] = v;
-    process_ = std::make_unique<testsupport::RunningProcess>(program, options);
+    process_ = std::make_unique<testsupport::RunningProcess>(testsupport::varoftBinary(), options);
     if (!process_->started()) return false;
     auto* process = process_.get();
     outcome_ = std::async(std::launch::async, [process] { return process->wait(std::chrono::milliseconds(60000)); });
@@ -77,58 +69,68 @@ testsupport::RunResult FarSide::finish(std::chrono::milliseconds timeout) {
     return outcome_.get();
 }
 
-std::optional<Answer> FarSide::next(std::chrono::milliseconds timeout) {
-    const auto request = server_->nextRequest(timeout);
-    if (!request) return std::nullopt;
-    const Bytes& b = request->bytes;
-    Answer answer;
-    answer.minor = request->minor;
-    bytes::Reader r(b, 4);
-    if (request->minor == 115) {
-        Reply reply;
-        reply.direction = r.u8();
-        reply.objectType = r.u8();
-        reply.openFlag = r.u8();
-        reply.kind = r.u8();
-        reply.size = r.u64();
-        const std::uint16_t la = r.u16();
-        const std::uint16_t lb = r.u16();
-        const std::uint32_t lc = r.u32();
-        reply.a = std::string(r.text(la));
-        reply.b = std::string(r.text(lb));
-        const auto c = r.bytes(lc);
-        reply.c.assign(c.begin(), c.end());
-        if (!r.ok()) return std::nullopt;
-        reply.wireSize = b.size();
-        answer.reply = std::move(reply);
-    } else if (request->minor == 119) {
-        Status status;
-        status.requestKind = r.u8();
-        status.failed = r.u8();
-        status.reserved = r.u16();
-        const std::uint32_t lp = r.u32();
-        const std::uint32_t le = r.u32();
-        status.path = std::string(r.text(lp));
-        status.error = std::string(r.text(le));
-        if (!r.ok()) return std::nullopt;
-        status.wireSize = b.size();
-        answer.status = std::move(status);
-    }
-    return answer;
-}
-
 std::optional<Reply> FarSide::nextReply(std::chrono::milliseconds timeout) {
-    auto answer = next(timeout);
-    if (!answer || !answer->reply) return std::nullopt;
-    return std::move(answer->reply);
+    const auto request = server_->nextRequest(timeout);
+    if (!request || request->minor != loopback::kFileTransferReply) return std::nullopt;
+    const auto reply = loopback::decodeTransferReply(request->bytes);
+    if (!reply) return std::nullopt;
+    return Reply{*reply, request->bytes.size()};
 }
 
 std::optional<Status> FarSide::nextStatus(std::chrono::milliseconds timeout) {
-    auto answer = next(timeout);
-    if (!answer || !answer->status) return std::nullopt;
-    return std::move(answer->status);
+    const auto request = server_->nextRequest(timeout);
+    if (!request || request->minor != loopback::kFileTransferStatus) return std::nullopt;
+    const auto status = loopback::decodeTransferStatus(request->bytes);
+    if (!status) return std::nullopt;
+    return Status{*status, bytes::get16(request->bytes, 6), request->bytes.size()};
 }
 
 bool FarSide::quiet(std::chrono::milliseconds timeout) { return !server_->nextRequest(timeout).has_value(); }
+
+Reply FarSide::ask(const Event& e, std::uint8_t kind) {
+    EXPECT_TRUE(send(e));
+    auto reply = nextReply();
+    EXPECT_TRUE(reply) << "no reply to kind " << int(e.kind);
+    if (!reply) return {};
+    EXPECT_EQ(reply->kind, kind);
+    return *reply;
+}
+
+Bytes FarSide::pull(const Reply& r, std::size_t* chunks) {
+    Bytes received;
+    for (std::size_t n = 0;; ++n) {
+        const auto reply = (send(echo(r, 5)), nextReply());
+        EXPECT_TRUE(reply);
+        if (!reply || n > 10000) break;
+        EXPECT_EQ(std::tie(reply->direction, reply->objectType, reply->openFlag, reply->size, reply->nameA, reply->nameB),
+                  std::tie(r.direction, r.objectType, r.openFlag, r.size, r.nameA, r.nameB));
+        EXPECT_EQ(reply->wireSize % 4, 0u);
+        if (reply->kind == 8) {
+            EXPECT_TRUE(reply->block.empty());
+            if (chunks) *chunks = n;
+            break;
+        }
+        EXPECT_EQ(reply->kind, 4);
+        EXPECT_GT(reply->block.size(), 0u);
+        EXPECT_LE(reply->block.size(), 131072u);
+        received.insert(received.end(), reply->block.begin(), reply->block.end());
+    }
+    return received;
+}
+
+void FarSide::push(Event e, const Bytes& content, std::size_t chunk) {
+    e.kind = 4;
+    std::size_t offset = 0;
+    do {
+        const std::size_t n = std::min(chunk, content.size() - offset);
+        e.data.assign(content.begin() + static_cast<std::ptrdiff_t>(offset),
+                      content.begin() + static_cast<std::ptrdiff_t>(offset + n));
+        const Reply reply = ask(e, 5);
+        EXPECT_EQ(std::tie(reply.direction, reply.objectType, reply.size, reply.nameA, reply.nameB),
+                  std::tie(e.direction, e.objectType, e.size, e.nameA, e.nameB));
+        EXPECT_TRUE(reply.block.empty());
+        offset += n;
+    } while (offset < content.size());
+}
 
 }  // namespace fttest

@@ -9,57 +9,47 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <span>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/process.h"
+#include "far_protocol.h"
 #include "x_server.h"
 
 namespace fttest {
 
 using Bytes = std::vector<std::uint8_t>;
+using Env = std::map<std::string, std::optional<std::string>>;
 using namespace std::chrono_literals;
 
-// A FileTransferReply as the far side received it.
-struct Reply {
-    std::uint8_t direction = 0, objectType = 0, openFlag = 0, kind = 0;
-    std::uint64_t size = 0;
-    std::string a, b;
-    Bytes c;
-    std::size_t wireSize = 0;  // the whole request, padding included
-};
-
-// A FileTransferStatus as the far side received it.
-struct Status {
-    std::uint8_t requestKind = 0, failed = 0;
-    std::uint16_t reserved = 0;
-    std::string path, error;
+// The requests varoft sends, with their whole size on the wire (padding included), and the
+// events the far side sends.
+struct Reply : loopback::TransferReply {
     std::size_t wireSize = 0;
 };
-
-// One request of the extension: exactly one of the two is set.
-struct Answer {
-    std::optional<Reply> reply;
-    std::optional<Status> status;
-    std::uint8_t minor = 0;
+struct Status : loopback::TransferStatus {
+    std::uint16_t reserved = 0;
+    std::size_t wireSize = 0;
 };
+using Event = loopback::TransferEvent;
 
-// The fields of a TransferRequest event.
-struct Event {
-    std::uint8_t direction = 2, objectType = 1, openFlag = 0, kind = 0;
-    std::uint64_t size = 0;
-    std::string a, b;
-    Bytes data;
-};
+// Every field of a reply but block C, for exact comparisons.
+using Fields = std::tuple<int, int, int, int, std::uint64_t, std::string, std::string>;
+inline Fields fieldsOf(const Reply& r) { return {r.direction, r.objectType, r.openFlag, r.kind, r.size, r.nameA, r.nameB}; }
 
-// Payload of a TransferRequest (wire bytes after byte 32); lengths may be overridden to lie.
-Bytes transferPayload(const Event& e, std::optional<std::uint16_t> lengthA = {},
-                      std::optional<std::uint16_t> lengthB = {}, std::optional<std::uint32_t> dataLength = {});
+// An event that carries the fields of `r` with another kind.
+Event echo(const Reply& r, std::uint8_t kind);
 
 Bytes bytesOf(std::string_view s);
 // A deterministic pseudo-random block.
 Bytes pattern(std::size_t size, std::uint32_t seed = 1);
+// Environment that keeps varoft's report predictable and away from the tester's settings.
+Env quietEnvironment();
+// Expects a run that ended with exit status 0 and standard error ending in `tail`.
+void expectEnd(const testsupport::RunResult& result, const std::string& tail);
+bool endsWith(const std::string& text, const std::string& tail);
+bool contains(const std::string& text, const std::string& part);
 
 class FarSide {
 public:
@@ -72,30 +62,37 @@ public:
 
     // Starts varoft with -display and the given arguments; its outcome is collected in the
     // background while the test plays the far side. Waits for the connection.
-    bool start(std::vector<std::string> args, std::optional<std::string> input = {},
-               std::map<std::string, std::optional<std::string>> env = {});
-    // Runs `program` with exactly these arguments instead of varoft (a wrapper that runs it).
-    bool startCommand(const std::string& program, std::vector<std::string> args);
+    bool start(std::vector<std::string> args, std::optional<std::string> input = {}, Env env = {});
     void setWorkingDirectory(std::string dir) { workingDirectory_ = std::move(dir); }
     // Waits for varoft to end.
     testsupport::RunResult finish(std::chrono::milliseconds timeout = 20000ms);
+    // Ends a session the way the proxy does, by closing the connection, and waits.
+    testsupport::RunResult close() {
+        server_->closeClient();
+        return finish();
+    }
 
-    bool send(const Event& e) { return server_->sendGenericEvent(90, transferPayload(e)); }
+    bool send(const Event& e) { return server_->sendGenericEvent(90, loopback::encodeTransferEvent(e)); }
     bool sendPayload(std::uint16_t eventType, const Bytes& payload) {
         return server_->sendGenericEvent(eventType, payload);
     }
 
-    // The next request of the extension (nullopt when none came in time).
-    std::optional<Answer> next(std::chrono::milliseconds timeout = 10000ms);
+    // The next request of the extension, when it came in time and is of that type.
     std::optional<Reply> nextReply(std::chrono::milliseconds timeout = 10000ms);
     std::optional<Status> nextStatus(std::chrono::milliseconds timeout = 10000ms);
     // True when no request arrives within the time (used after events that get no answer).
     bool quiet(std::chrono::milliseconds timeout = 300ms);
 
-private:
-    bool launch(const std::string& program, std::vector<std::string> args, std::optional<std::string> input,
-                std::map<std::string, std::optional<std::string>> env);
+    // Sends `e` and expects a reply of `kind` (an empty reply when none came).
+    Reply ask(const Event& e, std::uint8_t kind);
+    // Plays the receiving side: kind-5 events like `r` until kind 8. Every reply echoes r's
+    // fields and carries 1..131072 bytes; counts the chunks.
+    Bytes pull(const Reply& r, std::size_t* chunks = nullptr);
+    // Plays the sending side: `content` as kind-4 events like `e` in chunks of `chunk` bytes,
+    // each answered by an empty kind 5 echoing e's fields.
+    void push(Event e, const Bytes& content, std::size_t chunk = 131072);
 
+private:
     std::unique_ptr<loopback::XServer> server_;
     std::string error_;
     std::string workingDirectory_;
@@ -103,7 +100,9 @@ private:
     std::future<testsupport::RunResult> outcome_;
 };
 
-// Environment that keeps varoft's report predictable and away from the tester's settings.
-std::map<std::string, std::optional<std::string>> quietEnvironment();
+#define FAR_SIDE_OR_SKIP(far)                                                     \
+    do {                                                                          \
+        if (!(far).ok()) GTEST_SKIP() << "no loopback server: " << (far).error(); \
+    } while (0)
 
 }  // namespace fttest

@@ -1,7 +1,9 @@
 // The exact bytes of the two client requests and the decoding of the far side's events.
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "common/bytes.h"
@@ -13,119 +15,61 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-Bytes bytesOf(std::string_view s) { return Bytes(s.begin(), s.end()); }
+Bytes concat(Bytes head, std::string_view text, Bytes tail = {}) {
+    head.insert(head.end(), text.begin(), text.end());
+    head.insert(head.end(), tail.begin(), tail.end());
+    return head;
+}
 
-TEST(FileTransferReplyEncoding, EveryFieldInItsPlace) {
+TEST(FileTransferReplyEncoding, ExactBytes) {
     const Bytes block = {0xAA, 0xBB};
-    FileTransferReplyFields f;
-    f.direction = 1;
-    f.objectType = 6;
-    f.openFlag = 1;
-    f.kind = 10;
-    f.size = 0x0102030405060708ull;
-    f.a = "remote";
-    f.b = "/tmp/local";
-    f.c = block;
+    const FileTransferReplyFields f{1, 6, 1, 10, 0x0102030405060708ull, "remote", "/tmp/local", block};
     const Bytes wire = encodeFileTransferReply(140, f);
-    ASSERT_EQ(wire.size(), 24u + 18 + 2);  // 18 variable bytes, 2 of padding
-    EXPECT_EQ(wire[0], 140);
-    EXPECT_EQ(wire[1], kFileTransferReplyOpcode);
-    EXPECT_EQ(bytes::get16(wire, 2), wire.size() / 4);
-    EXPECT_EQ(wire[4], 1);
-    EXPECT_EQ(wire[5], 6);
-    EXPECT_EQ(wire[6], 1);
-    EXPECT_EQ(wire[7], 10);
-    EXPECT_EQ(bytes::get64(wire, 8), 0x0102030405060708ull);
-    EXPECT_EQ(bytes::get16(wire, 16), 6);
-    EXPECT_EQ(bytes::get16(wire, 18), 10);
-    EXPECT_EQ(bytes::get32(wire, 20), 2u);
-    EXPECT_EQ(std::string(wire.begin() + 24, wire.begin() + 30), "remote");
-    EXPECT_EQ(std::string(wire.begin() + 30, wire.begin() + 40), "/tmp/local");
-    EXPECT_EQ(wire[40], 0xAA);
-    EXPECT_EQ(wire[41], 0xBB);
-    EXPECT_EQ(wire[42], 0);
-    EXPECT_EQ(wire[43], 0);
-
+    EXPECT_EQ(wire, concat({140, 115, 11, 0, 1, 6, 1, 10, 8, 7, 6, 5, 4, 3, 2, 1, 6, 0, 10, 0, 2, 0, 0, 0},
+                           "remote/tmp/local", {0xAA, 0xBB, 0, 0}));
     // The fixed part handed to libxcb leaves the opcode and length bytes to it.
     const auto fixed = encodeFileTransferReplyFixed(f);
-    EXPECT_EQ(fixed[0], 0);
-    EXPECT_EQ(fixed[1], 0);
-    EXPECT_TRUE(std::equal(fixed.begin() + 4, fixed.end(), wire.begin() + 4));
+    EXPECT_EQ(Bytes(fixed.begin(), fixed.end()), concat({0, 0, 0, 0}, "", Bytes(wire.begin() + 4, wire.begin() + 24)));
 }
 
-TEST(FileTransferReplyEncoding, PaddingFollowsTheVariableLength) {
-    FileTransferReplyFields f;
-    f.a = "abc";
-    f.b = "de";  // 5 bytes: 3 of padding
-    EXPECT_EQ(encodeFileTransferReply(1, f).size(), 24u + 5 + 3);
-    EXPECT_EQ(replyParts(f).padding, 3u);
-    f.a = "abcd";
-    f.b = "efgh";  // 8 bytes: none
-    EXPECT_EQ(encodeFileTransferReply(1, f).size(), 24u + 8);
-    f.a = {};
-    f.b = {};
-    EXPECT_EQ(encodeFileTransferReply(1, f).size(), 24u);
-}
-
-TEST(FileTransferReplyEncoding, DirectionTwoCarriesNoBlock) {
+// Padding follows the variable length; direction 2 carries no block; string lengths are kept
+// in 16 bits.
+TEST(FileTransferReplyEncoding, LengthsAndPadding) {
     const Bytes block(7, 0x55);
-    FileTransferReplyFields f;
-    f.direction = 2;
-    f.kind = 4;
-    f.a = "a";
-    f.c = block;
-    const Bytes wire = encodeFileTransferReply(1, f);
-    EXPECT_EQ(bytes::get32(wire, 20), 0u);
-    EXPECT_EQ(wire.size(), 28u);  // "a" and 3 bytes of padding, no block
-    f.direction = 1;
-    EXPECT_EQ(bytes::get32(encodeFileTransferReply(1, f), 20), 7u);
-}
-
-TEST(FileTransferReplyEncoding, StringLengthsAreKeptInSixteenBits) {
     const std::string longName(65536 + 5, 'x');
-    FileTransferReplyFields f;
-    f.a = longName;
-    const Bytes wire = encodeFileTransferReply(1, f);
-    EXPECT_EQ(bytes::get16(wire, 16), 5);
-    EXPECT_EQ(wire.size(), 24u + 5 + 3);
+    const std::tuple<std::uint8_t, std::string_view, std::string_view, std::size_t, std::uint16_t, std::uint32_t> cases[] = {
+        {1, "abc", "de", 36, 3, 7}, {1, "abcd", "efgh", 40, 4, 7}, {1, "", "", 32, 0, 7},
+        {2, "abc", "de", 32, 3, 0}, {2, "", "", 24, 0, 0},         {2, longName, "", 32, 5, 0},
+    };  // direction, string A, string B, size on the wire, length fields of A and C
+    for (const auto& [direction, a, b, size, lengthA, lengthC] : cases) {
+        SCOPED_TRACE(testing::Message() << int(direction) << " " << a.size() << " " << b.size());
+        const Bytes wire = encodeFileTransferReply(1, FileTransferReplyFields{direction, 1, 0, 4, 0, a, b, block});
+        EXPECT_EQ(wire.size(), size);
+        EXPECT_EQ(bytes::get16(wire, 2), wire.size() / 4);
+        EXPECT_EQ(bytes::get16(wire, 16), lengthA);
+        EXPECT_EQ(bytes::get32(wire, 20), lengthC);
+    }
 }
 
-TEST(FileTransferStatusEncoding, FailedStatusWithPathAndText) {
-    const Bytes wire = encodeFileTransferStatus(140, kStatusTransferTarget, true, "/x/y", "No such file or directory");
-    ASSERT_EQ(wire.size() % 4, 0u);
-    EXPECT_EQ(wire[0], 140);
-    EXPECT_EQ(wire[1], kFileTransferStatusOpcode);
-    EXPECT_EQ(bytes::get16(wire, 2), wire.size() / 4);
-    EXPECT_EQ(wire[4], 1);
-    EXPECT_EQ(wire[5], 1);
-    EXPECT_EQ(bytes::get16(wire, 6), 0);
-    EXPECT_EQ(bytes::get32(wire, 8), 4u);
-    EXPECT_EQ(bytes::get32(wire, 12), 25u);
-    EXPECT_EQ(std::string(wire.begin() + 16, wire.begin() + 20), "/x/y");
-    EXPECT_EQ(std::string(wire.begin() + 20, wire.begin() + 45), "No such file or directory");
-    EXPECT_EQ(wire.size(), 48u);
-}
-
-TEST(FileTransferStatusEncoding, SuccessWithoutPathIsTheFixedPartAlone) {
-    const Bytes wire = encodeFileTransferStatus(140, kStatusListing, false, {}, {});
-    ASSERT_EQ(wire.size(), 16u);
-    EXPECT_EQ(wire[4], 4);
-    EXPECT_EQ(wire[5], 0);
-    EXPECT_EQ(bytes::get32(wire, 8), 0u);
-    EXPECT_EQ(bytes::get32(wire, 12), 0u);
+TEST(FileTransferStatusEncoding, ExactBytes) {
+    EXPECT_EQ(encodeFileTransferStatus(140, kStatusTransferTarget, true, "/x/y", "No such file or directory"),
+              concat({140, 119, 12, 0, 1, 1, 0, 0, 4, 0, 0, 0, 25, 0, 0, 0}, "/x/yNo such file or directory",
+                     {0, 0, 0}));
+    EXPECT_EQ(encodeFileTransferStatus(140, kStatusListing, false, {}, {}),
+              (Bytes{140, 119, 4, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
 }
 
 // An event buffer as libxcb delivers it: 32 bytes, the full sequence, then the payload.
-Bytes eventBuffer(std::uint16_t eventType, const Bytes& payload) {
+Bytes eventBuffer(const Bytes& payload) {
     Bytes b(36, 0);
     b[0] = 35;
     b[1] = 140;
     bytes::put16(b, 2, 7);
     const std::size_t padded = (payload.size() + 3) / 4 * 4;
     bytes::put32(b, 4, static_cast<std::uint32_t>(padded / 4));
-    bytes::put16(b, 8, eventType);
-    b.insert(b.end(), payload.begin(), payload.end());
+    bytes::put16(b, 8, 90);
     b.resize(36 + padded, 0);
+    std::copy(payload.begin(), payload.end(), b.begin() + 36);
     return b;
 }
 
@@ -137,121 +81,58 @@ Bytes transferPayload(std::uint8_t kind, std::uint16_t lengthA, std::uint16_t le
     return p;
 }
 
-TEST(GenericEventDecoding, HeaderFieldsAndRealSize) {
-    const Bytes b = eventBuffer(90, Bytes(10, 1));
-    const auto h = decodeGenericEventHeader(b);
-    ASSERT_TRUE(h);
-    EXPECT_EQ(h->responseType, 35);
-    EXPECT_EQ(h->extension, 140);
-    EXPECT_EQ(h->sequence, 7);
-    EXPECT_EQ(h->length, 3u);
-    EXPECT_EQ(h->eventType, 90);
-    EXPECT_EQ(genericEventBufferSize(h->length), b.size());
-    EXPECT_FALSE(decodeGenericEventHeader(std::span<const std::uint8_t>(b).first(31)));
-}
-
-TEST(TransferRequestDecoding, NamesAndDataFromTheirOffsets) {
-    Bytes tail = bytesOf("remote.txt");
-    const Bytes local = bytesOf("/tmp/l");
-    tail.insert(tail.end(), local.begin(), local.end());
-    tail.insert(tail.end(), {9, 8, 7});
-    const Bytes b = eventBuffer(90, transferPayload(4, 10, 6, 3, tail));
-    TransferRequest t;
-    ASSERT_TRUE(decodeTransferRequest(b, t));
-    EXPECT_EQ(t.direction, 2);
-    EXPECT_EQ(t.objectType, 1);
-    EXPECT_EQ(t.kind, 4);
-    EXPECT_EQ(t.size, 1234u);
-    EXPECT_TRUE(t.hasNameA);
-    EXPECT_TRUE(t.hasNameB);
-    EXPECT_EQ(t.nameA, "remote.txt");
-    EXPECT_EQ(t.nameB, "/tmp/l");
-    ASSERT_EQ(t.data.size(), 3u);
-    EXPECT_EQ(t.data[0], 9);
-    EXPECT_EQ(t.data[2], 7);
-}
-
-TEST(TransferRequestDecoding, NamesOutsideOneTo1023AreNotTaken) {
-    // Name A claims 1024 bytes and is skipped; name B behind it is still found.
-    Bytes tail(1024, 'a');
-    const Bytes local = bytesOf("/b");
-    tail.insert(tail.end(), local.begin(), local.end());
-    TransferRequest t;
-    const Bytes event = eventBuffer(90, transferPayload(5, 1024, 2, 0, tail));  // the views point into it
-    ASSERT_TRUE(decodeTransferRequest(event, t));
-    EXPECT_FALSE(t.hasNameA);
-    EXPECT_TRUE(t.hasNameB);
-    EXPECT_EQ(t.nameB, "/b");
-    ASSERT_TRUE(decodeTransferRequest(eventBuffer(90, transferPayload(5, 0, 0, 0, {})), t));
-    EXPECT_FALSE(t.hasNameA);
-    EXPECT_FALSE(t.hasNameB);
-}
-
 TEST(TransferRequestDecoding, LengthsThatLieAreRefused) {
-    TransferRequest t;
-    // Names longer than the event.
-    EXPECT_FALSE(decodeTransferRequest(eventBuffer(90, transferPayload(5, 100, 0, 0, bytesOf("abc"))), t));
-    EXPECT_FALSE(decodeTransferRequest(eventBuffer(90, transferPayload(5, 1, 500, 0, bytesOf("abc"))), t));
-    // A skipped name A still moves name B out of the event.
-    EXPECT_FALSE(decodeTransferRequest(eventBuffer(90, transferPayload(5, 2000, 3, 0, bytesOf("abc"))), t));
-    // Data longer than the event, even by the padding's width.
-    EXPECT_FALSE(decodeTransferRequest(eventBuffer(90, transferPayload(4, 1, 1, 0xFFFFFFFFu, bytesOf("ab"))), t));
-    EXPECT_FALSE(decodeTransferRequest(eventBuffer(90, transferPayload(4, 1, 1, 7, bytesOf("ab"))), t));
-    // The data length matters for chunks only.
-    EXPECT_TRUE(decodeTransferRequest(eventBuffer(90, transferPayload(5, 1, 1, 0xFFFFFFFFu, bytesOf("ab"))), t));
-    // Too short for the fixed fields.
-    EXPECT_FALSE(decodeTransferRequest(eventBuffer(90, Bytes{2, 1, 0, 5, 0, 0}), t));
-    EXPECT_FALSE(decodeTransferRequest(eventBuffer(90, {}), t));
-}
-
-TEST(TransferRequestDecoding, SessionEndAndRefusalsNeedOnlyTheirKind) {
-    TransferRequest t;
-    for (int k = 13; k <= 17; ++k) {
-        const auto kind = static_cast<std::uint8_t>(k);
-        ASSERT_TRUE(decodeTransferRequest(eventBuffer(90, Bytes{2, 1, 0, kind}), t)) << int(kind);
-        EXPECT_EQ(t.kind, kind);
-    }
-    EXPECT_FALSE(decodeTransferRequest(eventBuffer(90, Bytes{2, 1, 0, 4}), t));
-}
-
-// Random events with length fields near the real size: whatever is accepted lies inside the
-// event, and exactly the events whose lengths fit are accepted.
-TEST(TransferRequestDecoding, AcceptedViewsAlwaysLieInsideTheEvent) {
-    std::uint32_t x = 2463534242u;
-    auto next = [&x] {
-        x ^= x << 13;
-        x ^= x >> 17;
-        x ^= x << 5;
-        return x;
+    struct Case {
+        Bytes payload;
+        bool accepted;
+    } cases[] = {
+        {transferPayload(5, 100, 0, 0, {'a', 'b', 'c'}), false},   // name A longer than the event
+        {transferPayload(5, 1, 500, 0, {'a', 'b', 'c'}), false},   // name B longer than the event
+        {transferPayload(5, 2000, 3, 0, {'a', 'b', 'c'}), false},  // a skipped name A still moves B out
+        {transferPayload(4, 1, 1, 0xFFFFFFFFu, {'a', 'b'}), false},
+        {transferPayload(4, 1, 1, 7, {'a', 'b'}), false},  // longer even by the padding's width
+        {transferPayload(5, 1, 1, 0xFFFFFFFFu, {'a', 'b'}), true},  // data length matters for chunks only
+        {Bytes{2, 1, 0, 5, 0, 0}, false},  // too short for the fixed fields
+        {Bytes{}, false},
+        {Bytes{2, 1, 0, 4}, false},
+        // The session end and the refusals need only their kind.
+        {Bytes{2, 1, 0, 13}, true}, {Bytes{2, 1, 0, 14}, true}, {Bytes{2, 1, 0, 17}, true},
     };
+    for (const auto& c : cases) {
+        TransferRequest t;
+        EXPECT_EQ(decodeTransferRequest(eventBuffer(c.payload), t), c.accepted) << testing::PrintToString(c.payload);
+    }
+    // The event header needs the 32 bytes of every event.
+    const Bytes header = eventBuffer({});
+    EXPECT_EQ(decodeGenericEventHeader(header).value_or(GenericEventHeader{}).eventType, 90);
+    EXPECT_FALSE(decodeGenericEventHeader(std::span<const std::uint8_t>(header).first(31)));
+}
+
+// Random events with length fields near the real size: exactly the events whose lengths fit
+// are accepted, and whatever is accepted lies inside the event.
+TEST(TransferRequestDecoding, AcceptedViewsAlwaysLieInsideTheEvent) {
+    std::minstd_rand next(2463534242u);
     for (int round = 0; round < 20000; ++round) {
         const std::size_t tailSize = next() % 64;
         const auto lengthA = static_cast<std::uint16_t>(next() % 8 == 0 ? 1024 + next() % 3000 : next() % (tailSize + 4));
         const auto lengthB = static_cast<std::uint16_t>(next() % (tailSize + 4));
         const auto dataLength = static_cast<std::uint32_t>(next() % (tailSize + 4));
         const auto kind = static_cast<std::uint8_t>(next() % 2 == 0 ? 4 : next() % 20);
-        const Bytes event = eventBuffer(90, transferPayload(kind, lengthA, lengthB, dataLength, Bytes(tailSize, 'x')));
-        TransferRequest t;
-        const bool accepted = decodeTransferRequest(event, t);
-        const auto inside = [&event](const void* p, std::size_t n) {
-            const auto* b = static_cast<const std::uint8_t*>(p);
-            return n == 0 || (b >= event.data() && b + n <= event.data() + event.size());
-        };
+        const Bytes event = eventBuffer(transferPayload(kind, lengthA, lengthB, dataLength, Bytes(tailSize, 'x')));
         const std::size_t room = event.size() - 56;  // bytes after the fixed fields
-        bool fits = true;
-        if (kind != 13 && (kind < 14 || kind > 17)) {
-            if (lengthA >= 1 && lengthA <= 1023 && lengthA > room) fits = false;
-            if (lengthB >= 1 && lengthB <= 1023 && std::size_t{lengthA} + lengthB > room) fits = false;
-            if (kind == 4 && std::size_t{lengthA} + lengthB + dataLength > room) fits = false;
-        }
-        ASSERT_EQ(accepted, fits) << round;
-        if (!accepted) continue;
-        EXPECT_TRUE(inside(t.nameA.data(), t.nameA.size()));
-        EXPECT_TRUE(inside(t.nameB.data(), t.nameB.size()));
-        EXPECT_TRUE(inside(t.data.data(), t.data.size()));
-        if (kind == 4) {
-            EXPECT_EQ(t.data.size(), dataLength);
-        }
+        const bool named = lengthA >= 1 && lengthA <= 1023, namedB = lengthB >= 1 && lengthB <= 1023;
+        const bool fits = (kind >= 13 && kind <= 17) ||
+                          (!(named && lengthA > room) && !(namedB && std::size_t{lengthA} + lengthB > room) &&
+                           !(kind == 4 && std::size_t{lengthA} + lengthB + dataLength > room));
+        TransferRequest t;
+        ASSERT_EQ(decodeTransferRequest(event, t), fits) << round;
+        const auto inside = [&event](auto view) {
+            const auto* b = reinterpret_cast<const std::uint8_t*>(view.data());
+            return view.empty() || (b >= event.data() && b + view.size() <= event.data() + event.size());
+        };
+        if (!fits) continue;
+        EXPECT_TRUE(inside(t.nameA) && inside(t.nameB) && inside(t.data)) << round;
+        EXPECT_TRUE(kind != 4 || t.data.size() == dataLength) << round;
     }
 }
 
