@@ -339,7 +339,7 @@ void handleTransferRequest(xcb_connection_t* connection, std::span<const std::ui
     logPrint(2, "Reading file transfer request.\n");
     TransferRequest request;
     if (!decodeTransferRequest(event, request)) {
-        logPrint(2, "Dropping event of type %d: its lengths exceed the event.\n", kTransferRequest);
+        logDroppedEvent(kTransferRequest);
         return;
     }
     Transfer.direction = request.direction;
