@@ -17,6 +17,8 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -94,6 +96,31 @@ bool reap(pid_t pid, Outcome& out) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
+// Waits for the far side, answering on the server thread, to say the exchange is over.
+class Finish {
+public:
+    void set(bool ok) {
+        std::lock_guard lock(mutex_);
+        if (done_) return;
+        done_ = true;
+        ok_ = ok;
+        at_ = Clock::now();
+        cv_.notify_all();
+    }
+    bool wait(std::chrono::seconds timeout) {
+        std::unique_lock lock(mutex_);
+        return cv_.wait_for(lock, timeout, [&] { return done_; }) && ok_;
+    }
+    Clock::time_point at() const { return at_; }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    bool done_ = false, ok_ = false;
+    Clock::time_point at_{};
+};
+
+// -put: the far side answers each chunk with the next request for one, on the server thread.
 Outcome runPut(const std::string& file, std::uint64_t size) {
     Outcome out;
     std::string error;
@@ -102,27 +129,28 @@ Outcome runPut(const std::string& file, std::uint64_t size) {
         std::fprintf(stderr, "bench: %s\n", error.c_str());
         return out;
     }
-    const pid_t pid = spawn({VAROFT_BINARY, "-display", server->displayName(), "-put", file});
-    bool ok = server->waitForClient(10s);
-    auto announce = ok ? server->nextRequest(10s) : std::nullopt;
-    std::uint8_t kind = 0;
-    std::uint32_t length = 0;
-    ok = announce && replyKind(*announce, kind, length) && kind == 10;
+    loopback::XServer* far = server.get();
     const auto ask = transferEvent(1, 5, "?", file, nullptr, 0);
     std::uint64_t received = 0;
-    const auto start = Clock::now();
-    while (ok) {
-        if (!server->sendGenericEvent(90, ask)) break;
-        auto reply = server->nextRequest(30s);
-        if (!reply || !replyKind(*reply, kind, length)) break;
-        if (kind == 8) break;
-        received += length;
-    }
-    out.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    Clock::time_point start{};
+    Finish finish;
+    far->setRequestHandler([&](const loopback::Request& r) {
+        std::uint8_t kind = 0;
+        std::uint32_t length = 0;
+        if (!replyKind(r, kind, length)) return finish.set(false);
+        if (kind == 10) start = Clock::now();
+        else if (kind == 4) received += length;
+        else return finish.set(kind == 8);
+        if (!far->sendGenericEvent(90, ask)) finish.set(false);
+    });
+    const pid_t pid = spawn({VAROFT_BINARY, "-display", server->displayName(), "-put", file});
+    const bool ok = finish.wait(120s);
+    out.seconds = std::chrono::duration<double>(finish.at() - start).count();
     out.ok = reap(pid, out) && ok && received == size;
     return out;
 }
 
+// -get: the far side answers each acknowledgement with the next chunk, on the server thread.
 Outcome runGet(const std::string& target, std::uint64_t size) {
     Outcome out;
     std::string error;
@@ -132,27 +160,36 @@ Outcome runGet(const std::string& target, std::uint64_t size) {
         return out;
     }
     ::unlink(target.c_str());
-    const pid_t pid = spawn({VAROFT_BINARY, "-display", server->displayName(), "-get", "remote.bin", target});
-    bool ok = server->waitForClient(10s);
-    auto announce = ok ? server->nextRequest(10s) : std::nullopt;
-    std::uint8_t kind = 0;
-    std::uint32_t length = 0;
-    ok = announce && replyKind(*announce, kind, length) && kind == 10;
+    loopback::XServer* far = server.get();
     std::vector<std::uint8_t> chunk(kChunk);
     for (std::size_t i = 0; i < chunk.size(); ++i) chunk[i] = static_cast<std::uint8_t>(i * 131 + 7);
     // Every full chunk carries the same event; a far side reads its file into one buffer too.
     const auto fullChunk = transferEvent(2, 4, "remote.bin", target, chunk.data(), kChunk);
-    const auto start = Clock::now();
-    for (std::uint64_t sent = 0; ok && sent < size;) {
+    std::uint64_t sent = 0;
+    Clock::time_point start{};
+    Finish finish;
+    auto sendNext = [&] {
+        if (sent == size) {
+            finish.set(far->sendGenericEvent(90, transferEvent(2, 8, "remote.bin", target, nullptr, 0)));
+            return;
+        }
         const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, size - sent));
-        ok = n == kChunk ? server->sendGenericEvent(90, fullChunk)
-                         : server->sendGenericEvent(90, transferEvent(2, 4, "remote.bin", target, chunk.data(), n));
-        auto reply = ok ? server->nextRequest(30s) : std::nullopt;
-        ok = reply && replyKind(*reply, kind, length) && kind == 5;
         sent += n;
-    }
-    if (ok) server->sendGenericEvent(90, transferEvent(2, 8, "remote.bin", target, nullptr, 0));
-    out.ok = reap(pid, out) && ok;
+        const bool ok = n == kChunk ? far->sendGenericEvent(90, fullChunk)
+                                    : far->sendGenericEvent(90, transferEvent(2, 4, "remote.bin", target, chunk.data(), n));
+        if (!ok) finish.set(false);
+    };
+    far->setRequestHandler([&](const loopback::Request& r) {
+        std::uint8_t kind = 0;
+        std::uint32_t length = 0;
+        if (!replyKind(r, kind, length)) return finish.set(false);
+        if (kind == 10) start = Clock::now();
+        else if (kind != 5) return finish.set(false);
+        sendNext();
+    });
+    const pid_t pid = spawn({VAROFT_BINARY, "-display", server->displayName(), "-get", "remote.bin", target});
+    const bool ok = finish.wait(120s);
+    out.ok = reap(pid, out) && ok;  // varoft has closed the file when it ends
     out.seconds = std::chrono::duration<double>(Clock::now() - start).count();
     struct stat st {};
     out.ok = out.ok && ::stat(target.c_str(), &st) == 0 && static_cast<std::uint64_t>(st.st_size) == size;

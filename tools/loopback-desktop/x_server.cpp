@@ -568,12 +568,19 @@ bool XServer::processRequest(Connection& c) {
     }
     ++c.sequence;
     std::vector<std::uint8_t> normal;
-    normal.reserve(total - headerLen + 4);
-    normal.insert(normal.end(), in.begin(), in.begin() + 4);
-    normal.insert(normal.end(), in.begin() + static_cast<std::ptrdiff_t>(headerLen),
-                  in.begin() + static_cast<std::ptrdiff_t>(total));
-    if (big) bytes::put16(normal, 2, 0);
-    c.inPos += total;
+    if (!big && c.inPos == 0 && total == c.in.size()) {
+        // The buffer holds exactly this request (the usual case for a client that waits for
+        // answers): hand it over instead of copying it.
+        normal = std::move(c.in);
+        c.in.clear();
+    } else {
+        normal.reserve(total - headerLen + 4);
+        normal.insert(normal.end(), in.begin(), in.begin() + 4);
+        normal.insert(normal.end(), in.begin() + static_cast<std::ptrdiff_t>(headerLen),
+                      in.begin() + static_cast<std::ptrdiff_t>(total));
+        if (big) bytes::put16(normal, 2, 0);
+        c.inPos += total;
+    }
 
     const bool vendor = (major == kFileTransferOpcode && options_.fileTransferExtension) ||
                         (major == kPrintOpcode && options_.printExtension);
@@ -585,6 +592,10 @@ bool XServer::processRequest(Connection& c) {
         r.big = big;
         r.client = c.id;
         r.bytes = std::move(normal);
+        if (handler_) {
+            handler_(r);
+            return true;
+        }
         requests_.push_back(std::move(r));
         changed_.notify_all();
         return true;
@@ -790,6 +801,11 @@ bool XServer::sendError(const Request& request, std::uint8_t errorCode, std::uin
     bytes::put16(e, 8, request.minor);
     e[10] = request.major;
     return enqueue(c, e);
+}
+
+void XServer::setRequestHandler(std::function<void(const Request&)> handler) {
+    std::lock_guard lock(mutex_);
+    handler_ = std::move(handler);
 }
 
 void XServer::closeClient() {

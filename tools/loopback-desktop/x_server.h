@@ -13,6 +13,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <mutex>
@@ -98,6 +99,11 @@ public:
     bool sendPrintReply(const Request& request, std::uint8_t code, std::string_view reason = {});
     // An X error for a request.
     bool sendError(const Request& request, std::uint8_t errorCode, std::uint32_t resourceId = 0);
+    // Hands every vendor request to `handler` on the server thread, as it is read, instead of
+    // queueing it for nextRequest. The handler may answer at once through the send* calls (it
+    // must not wait for anything). A far side that answers this way pays no thread switch per
+    // message, which is what the throughput benchmarks need. Set it before the client connects.
+    void setRequestHandler(std::function<void(const Request&)> handler);
     // Drops the current client once what was queued for it is written (or after a short grace).
     void closeClient();
 
@@ -131,8 +137,10 @@ private:
     std::thread thread_;
     bool stopping_ = false;
 
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
+    // Recursive: a request handler runs under it on the server thread and may call send*.
+    mutable std::recursive_mutex mutex_;
+    std::condition_variable_any changed_;
+    std::function<void(const Request&)> handler_;
     std::vector<std::unique_ptr<Connection>> connections_;
     std::deque<Request> requests_;
     std::uint32_t nextId_ = 1;
