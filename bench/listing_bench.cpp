@@ -23,11 +23,15 @@
 
 #include "common/bytes.h"
 #include "far_protocol.h"
+#include "bench_support.h"
 #include "x_server.h"
 
 extern char** environ;
 
 namespace {
+
+using bench::reap;
+using bench::spawn;
 
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
@@ -92,38 +96,6 @@ void removeFiles(const std::string& dir, int count) {
 }
 
 // ---- child processes ---------------------------------------------------------------------------
-
-pid_t spawn(const std::vector<std::string>& args, const std::vector<std::string>& extraEnv = {}) {
-    std::vector<std::string> env;
-    for (char** e = environ; *e; ++e) {
-        const std::string entry = *e;
-        const bool replaced = std::any_of(extraEnv.begin(), extraEnv.end(), [&](const std::string& x) {
-            return entry.compare(0, x.find('=') + 1, x, 0, x.find('=') + 1) == 0;
-        });
-        if (!replaced) env.push_back(entry);
-    }
-    env.insert(env.end(), extraEnv.begin(), extraEnv.end());
-    std::vector<char*> argv, envp;
-    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    for (const auto& e : env) envp.push_back(const_cast<char*>(e.c_str()));
-    envp.push_back(nullptr);
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        const int devnull = ::open("/dev/null", O_RDWR);
-        ::dup2(devnull, 0);
-        ::dup2(devnull, 1);
-        ::dup2(devnull, 2);
-        ::execve(argv[0], argv.data(), envp.data());
-        ::_exit(127);
-    }
-    return pid;
-}
-
-bool reap(pid_t pid) {
-    int status = 0;
-    return ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
 
 // ---- the cases ---------------------------------------------------------------------------------
 

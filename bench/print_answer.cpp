@@ -1,3 +1,4 @@
+#include "bench_support.h"
 #include "print_answer.h"
 
 #include <sys/socket.h>
@@ -18,28 +19,12 @@
 
 namespace {
 
+using bench::readAll;
+
 constexpr std::uint8_t kMajor = 141;
 constexpr std::uint8_t kQueryExtension = 98;
 
-bool readAll(int fd, std::uint8_t* into, std::size_t size) {
-    while (size > 0) {
-        const ssize_t n = ::read(fd, into, size);
-        if (n <= 0) return false;
-        into += n;
-        size -= static_cast<std::size_t>(n);
-    }
-    return true;
-}
-
-bool writeAll(int fd, const std::vector<std::uint8_t>& out) {
-    std::size_t done = 0;
-    while (done < out.size()) {
-        const ssize_t n = ::write(fd, out.data() + done, out.size() - done);
-        if (n <= 0) return false;
-        done += static_cast<std::size_t>(n);
-    }
-    return true;
-}
+bool writeAll(int fd, const std::vector<std::uint8_t>& out) { return bench::writeAll(fd, out.data(), out.size()); }
 
 // Setup: no screens, no formats; enough for a client that asks for no screen.
 bool handshake(int fd) {

@@ -1,6 +1,7 @@
 // The lockstep limit of printing: two minimal processes exchange the same requests a print job
 // makes (60000-byte chunks, each answered by a 32-byte reply before the next goes) over a Unix
 // socket, with the data in memory. No X, no disk: what is left is the round trips and copies.
+#include "bench_support.h"
 #include "print_lockstep.h"
 
 #include <sys/socket.h>
@@ -17,15 +18,7 @@
 
 namespace {
 
-bool readAll(int fd, std::uint8_t* into, std::size_t size) {
-    while (size > 0) {
-        const ssize_t n = ::read(fd, into, size);
-        if (n <= 0) return false;
-        into += n;
-        size -= static_cast<std::size_t>(n);
-    }
-    return true;
-}
+using bench::readAll;
 
 bool writeAll(int fd, iovec* parts, int count) {
     while (count > 0) {

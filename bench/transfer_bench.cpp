@@ -30,9 +30,12 @@
 #include "archive/dir_unpack_stream.h"
 #include "archive/mz_stream.h"
 #include "common/bytes.h"
+#include "bench_support.h"
 #include "x_server.h"
 
 namespace {
+
+using bench::spawn;
 
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
@@ -70,30 +73,13 @@ bool replyKind(const loopback::Request& r, std::uint8_t& kind, std::uint32_t& da
 
 // ---- varoft as a child ---------------------------------------------------------------------------
 
-pid_t spawn(const std::vector<std::string>& args) {
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        const int devnull = ::open("/dev/null", O_RDWR);
-        ::dup2(devnull, 0);
-        ::dup2(devnull, 1);
-        ::dup2(devnull, 2);
-        std::vector<char*> argv;
-        for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        ::execv(argv[0], argv.data());
-        ::_exit(127);
-    }
-    return pid;
-}
-
 bool reap(pid_t pid, Outcome& out) {
-    int status = 0;
     rusage usage{};
-    if (::wait4(pid, &status, 0, &usage) != pid) return false;
+    const bool ok = bench::reap(pid, &usage);
     out.cpuSeconds = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
                      static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
     out.peakMiB = static_cast<double>(usage.ru_maxrss) / 1024.0;
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    return ok;
 }
 
 // Waits for the far side, answering on the server thread, to say the exchange is over.
@@ -199,26 +185,6 @@ Outcome runGet(const std::string& target, std::uint64_t size) {
 
 // ---- the limit: the same lockstep exchange between two minimal processes -----------------------
 
-bool sendAll(int fd, const std::uint8_t* data, std::size_t n) {
-    while (n) {
-        const ssize_t w = ::write(fd, data, n);
-        if (w <= 0) return false;
-        data += w;
-        n -= static_cast<std::size_t>(w);
-    }
-    return true;
-}
-
-bool readAll(int fd, std::uint8_t* data, std::size_t n) {
-    while (n) {
-        const ssize_t r = ::read(fd, data, n);
-        if (r <= 0) return false;
-        data += r;
-        n -= static_cast<std::size_t>(r);
-    }
-    return true;
-}
-
 // One side asks with `askSize` bytes, the other answers with `answerSize`, `rounds` times.
 Outcome runLimit(std::size_t askSize, std::size_t answerSize, std::uint64_t rounds) {
     Outcome out;
@@ -229,7 +195,7 @@ Outcome runLimit(std::size_t askSize, std::size_t answerSize, std::uint64_t roun
         ::close(fds[0]);
         std::vector<std::uint8_t> ask(askSize), answer(answerSize, 0x5a);
         for (std::uint64_t i = 0; i < rounds; ++i)
-            if (!readAll(fds[1], ask.data(), ask.size()) || !sendAll(fds[1], answer.data(), answer.size())) ::_exit(1);
+            if (!bench::readAll(fds[1], ask.data(), ask.size()) || !bench::writeAll(fds[1], answer.data(), answer.size())) ::_exit(1);
         ::_exit(0);
     }
     ::close(fds[1]);
@@ -237,7 +203,7 @@ Outcome runLimit(std::size_t askSize, std::size_t answerSize, std::uint64_t roun
     const auto start = Clock::now();
     bool ok = true;
     for (std::uint64_t i = 0; ok && i < rounds; ++i)
-        ok = sendAll(fds[0], ask.data(), ask.size()) && readAll(fds[0], answer.data(), answer.size());
+        ok = bench::writeAll(fds[0], ask.data(), ask.size()) && bench::readAll(fds[0], answer.data(), answer.size());
     out.seconds = std::chrono::duration<double>(Clock::now() - start).count();
     ::close(fds[0]);
     Outcome child;
@@ -255,7 +221,7 @@ Outcome runDisk(const std::string& path, std::uint64_t size, bool write) {
     bool ok = true;
     for (std::uint64_t done = 0; ok && done < size;) {
         const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, size - done));
-        ok = write ? sendAll(fd, block.data(), n) : readAll(fd, block.data(), n);
+        ok = write ? bench::writeAll(fd, block.data(), n) : bench::readAll(fd, block.data(), n);
         done += n;
     }
     ok = ::close(fd) == 0 && ok;
@@ -279,7 +245,7 @@ bool makeSource(const std::string& path, std::uint64_t size) {
             b = static_cast<std::uint8_t>(x >> 16);
         }
         const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(block.size(), size - done));
-        ok = sendAll(fd, block.data(), n);
+        ok = bench::writeAll(fd, block.data(), n);
         done += n;
     }
     return ::close(fd) == 0 && ok;
@@ -331,7 +297,7 @@ Outcome runPackAlone(const std::string& tree, const std::string* keepPath, std::
     while (ok) {
         const std::int32_t n = mz_stream_read(stream.get(), chunk.data(), static_cast<std::int32_t>(kChunk));
         if (n == MZ_END_OF_STREAM) break;
-        ok = n >= 0 && (keep < 0 || sendAll(keep, chunk.data(), static_cast<std::size_t>(n)));
+        ok = n >= 0 && (keep < 0 || bench::writeAll(keep, chunk.data(), static_cast<std::size_t>(n)));
         total += static_cast<std::uint64_t>(std::max(n, 0));
     }
     out.ok = mz_stream_close(stream.get()) == MZ_OK && ok;
@@ -350,7 +316,7 @@ bool forEachChunk(const ArchiveFile& zip, F take) {
     bool ok = true;
     for (std::uint64_t done = 0; ok && done < zip.size;) {
         const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, zip.size - done));
-        ok = readAll(fd, chunk.data(), n) && take(chunk.data(), n);
+        ok = bench::readAll(fd, chunk.data(), n) && take(chunk.data(), n);
         done += n;
     }
     ::close(fd);

@@ -33,7 +33,18 @@ void printBanner(const std::string& program) {
 
 void printUsage() { logPrint(1, "%s", kUsage); }
 
-void printStartup(const std::optional<std::string>& display) {
+// A command-line error: banner and usage at the given verbosity; the run ends with 0.
+int commandLineError(const std::string& program, std::int32_t verbosity) {
+    Verbosity = verbosity;
+    printBanner(program);
+    printUsage();
+    return 0;
+}
+
+// A parsed command line: the banner and, at -vv, what was understood.
+void printStartup(const std::string& program, std::int32_t verbosity, const std::optional<std::string>& display) {
+    Verbosity = verbosity;
+    printBanner(program);
     logPrint(3, "Command line processed\n");
     logPrint(3, "Verbosity level: %d\n", Verbosity);
     if (display) logPrint(3, "Display is: %s\n", display->c_str());
@@ -59,14 +70,9 @@ int runPrintMode(int argc, char** argv, const std::string& program) {
     std::int32_t verbosity = 1;
     if (!parsePrintOptions(argc, argv, &display, &verbosity, &PrintFileList)) {
         PrintFileList.clear();
-        Verbosity = 1;
-        printBanner(program);
-        printUsage();
-        return 0;
+        return commandLineError(program, 1);  // print mode shows its usage whatever -q said
     }
-    Verbosity = verbosity;
-    printBanner(program);
-    printStartup(display);
+    printStartup(program, verbosity, display);
     if (PrintFileList.empty()) {
         printUsage();
         return 1;
@@ -92,15 +98,8 @@ int runPrintMode(int argc, char** argv, const std::string& program) {
 int runTransferMode(int argc, char** argv, const std::string& program) {
     std::optional<std::string> display;
     std::int32_t verbosity = 1;
-    if (!parseTransferOptions(argc, argv, &display, &verbosity)) {
-        Verbosity = verbosity;
-        printBanner(program);
-        printUsage();
-        return 0;
-    }
-    Verbosity = verbosity;
-    printBanner(program);
-    printStartup(display);
+    if (!parseTransferOptions(argc, argv, &display, &verbosity)) return commandLineError(program, verbosity);
+    printStartup(program, verbosity, display);
 
     Connection connection(display);
     if (!connection.handle) return 1;
