@@ -82,6 +82,14 @@ bool reap(pid_t pid, Outcome& out) {
     return ok;
 }
 
+// A loopback X server on a free display; null (and a line on stderr) when none can be started.
+std::unique_ptr<loopback::XServer> startServer() {
+    std::string error;
+    auto server = loopback::XServer::start({}, &error);
+    if (!server) std::fprintf(stderr, "bench: %s\n", error.c_str());
+    return server;
+}
+
 // Waits for the far side, answering on the server thread, to say the exchange is over.
 class Finish {
 public:
@@ -109,12 +117,8 @@ private:
 // -put: the far side answers each chunk with the next request for one, on the server thread.
 Outcome runPut(const std::string& file, std::uint64_t size) {
     Outcome out;
-    std::string error;
-    auto server = loopback::XServer::start({}, &error);
-    if (!server) {
-        std::fprintf(stderr, "bench: %s\n", error.c_str());
-        return out;
-    }
+    auto server = startServer();
+    if (!server) return out;
     loopback::XServer* far = server.get();
     const auto ask = transferEvent(1, 5, "?", file, nullptr, 0);
     std::uint64_t received = 0;
@@ -139,12 +143,8 @@ Outcome runPut(const std::string& file, std::uint64_t size) {
 // -get: the far side answers each acknowledgement with the next chunk, on the server thread.
 Outcome runGet(const std::string& target, std::uint64_t size) {
     Outcome out;
-    std::string error;
-    auto server = loopback::XServer::start({}, &error);
-    if (!server) {
-        std::fprintf(stderr, "bench: %s\n", error.c_str());
-        return out;
-    }
+    auto server = startServer();
+    if (!server) return out;
     ::unlink(target.c_str());
     loopback::XServer* far = server.get();
     std::vector<std::uint8_t> chunk(kChunk);
@@ -346,8 +346,7 @@ Outcome runUnpackAlone(const ArchiveFile& zip, const std::string& target) {
 // varoft -putd: the far side asks for chunks and drops them, as fast as they come.
 Outcome runPutDir(const std::string& tree, std::uint64_t archiveSize) {
     Outcome out;
-    std::string error;
-    auto server = loopback::XServer::start({}, &error);
+    auto server = startServer();
     if (!server) return out;
     const pid_t pid = spawn({VAROFT_BINARY, "-display", server->displayName(), "-putd", tree, "tree"});
     bool ok = server->waitForClient(10s);
@@ -372,10 +371,9 @@ Outcome runPutDir(const std::string& tree, std::uint64_t archiveSize) {
 // varoft -getd: the far side sends the archive as fast as varoft takes it.
 Outcome runGetDir(const ArchiveFile& zip, const std::string& target) {
     Outcome out;
-    std::string error;
     std::error_code ec;
     std::filesystem::remove_all(target, ec);
-    auto server = loopback::XServer::start({}, &error);
+    auto server = startServer();
     if (!server) return out;
     const pid_t pid = spawn({VAROFT_BINARY, "-display", server->displayName(), "-getd", "tree", target});
     bool ok = server->waitForClient(10s);
