@@ -486,6 +486,8 @@ bool Desktop::runScriptStep(const std::string& line) {
     if (verb == "fetchdir" && words.size() == 2) return scriptFetch(words[1], kObjectDirectory);
     if ((verb == "store" || verb == "storedir") && (words.size() == 2 || words.size() == 3))
         return scriptStore(words[1], words.size() == 3 ? words[2] : baseName(words[1]), verb == "storedir");
+    if (verb == "abort" && (words.size() == 2 || words.size() == 3))
+        return scriptAbort(words[1], words.size() == 3 ? words[2] : baseName(words[1]));
     if (verb == "delete" && words.size() == 2) return scriptSimple(kDeleteFileRequest, encodeDeleteFile(words[1]), "delete");
     if (verb == "rename" && words.size() == 3)
         return scriptSimple(kRenameFileRequest, encodeRenameFile(words[1], words[2]), "rename");
@@ -554,16 +556,12 @@ bool Desktop::awaitStatus(const char* waitingFor) {
     return false;
 }
 
-bool Desktop::scriptStore(const std::string& local, const std::string& name, bool directory) {
-    TransferReply start;
-    start.direction = kFromDesktop;
-    start.objectType = directory ? kObjectDirectory : kObjectFile;
-    start.nameA = name;
-    start.nameB = directory ? local + ".zip" : local;
+// Starts storing on the client: kind 0, and kind 2 to replace a target that exists (reply 1).
+bool Desktop::openStore(TransferReply& start) {
     if (!sendEvent(echo(start, 0))) return false;
     auto reply = awaitReply("the open");
     if (reply && reply->kind == 1) {
-        say("client's " + local + " exists: replacing it");
+        say("client's " + start.nameB + " exists: replacing it");
         if (!sendEvent(echo(start, 2))) return false;
         reply = awaitReply("the open");
     }
@@ -572,6 +570,16 @@ bool Desktop::scriptStore(const std::string& local, const std::string& name, boo
         say("unexpected reply to a store: " + transferKindName(reply->kind));
         return false;
     }
+    return true;
+}
+
+bool Desktop::scriptStore(const std::string& local, const std::string& name, bool directory) {
+    TransferReply start;
+    start.direction = kFromDesktop;
+    start.objectType = directory ? kObjectDirectory : kObjectFile;
+    start.nameA = name;
+    start.nameB = directory ? local + ".zip" : local;
+    if (!openStore(start)) return false;
     if (directory) {
         sendDirectoryToClient(start);
         // The client reports how its unpacking went.
@@ -579,6 +587,29 @@ bool Desktop::scriptStore(const std::string& local, const std::string& name, boo
     }
     sendFileToClient(start);
     return outcome_ == "sent";
+}
+
+// Starts storing the desktop file `name` at `local`, sends its first chunk, then gives up
+// (kind 7): the client removes what it wrote and sends nothing back.
+bool Desktop::scriptAbort(const std::string& local, const std::string& name) {
+    TransferReply start;
+    start.direction = kFromDesktop;
+    start.objectType = kObjectFile;
+    start.nameA = name;
+    start.nameB = local;
+    if (!openStore(start)) return false;
+    std::error_code ec;
+    const fs::path source = options_.folder / insideFolder(name);
+    TransferEvent chunk = echo(start, 4);
+    chunk.data.resize(std::min<std::uintmax_t>(options_.chunkSize, fs::is_regular_file(source, ec) ? fs::file_size(source, ec) : 0));
+    if (File file(std::fopen(source.c_str(), "rb")); file) {
+        chunk.data.resize(std::fread(chunk.data.data(), 1, chunk.data.size(), file.get()));
+    }
+    if (!sendEvent(chunk)) return false;
+    const auto reply = awaitReply("the answer to the chunk");
+    if (!reply || reply->kind != 5) return false;
+    say("aborting the store of " + name + " after " + std::to_string(chunk.data.size()) + " bytes");
+    return sendEvent(echo(start, 7));
 }
 
 bool Desktop::scriptSimple(std::uint16_t eventType, std::span<const std::uint8_t> payload, const std::string& what) {

@@ -88,6 +88,8 @@ private:
     bool scriptList(const std::string& path);
     bool scriptFetch(const std::string& local, std::uint8_t objectType);
     bool scriptStore(const std::string& local, const std::string& name, bool directory);
+    bool scriptAbort(const std::string& local, const std::string& name);
+    bool openStore(TransferReply& start);
     bool scriptSimple(std::uint16_t eventType, std::span<const std::uint8_t> payload, const std::string& what);
 
     XServer& server_;
