@@ -13,8 +13,7 @@ constexpr std::int32_t kDefaultGrowSize = 4096;
 
 struct MemStream {
     mz_stream header;
-    std::unique_ptr<std::uint8_t[]> owned;  // the buffer in create mode
-    std::uint8_t* data = nullptr;           // owned.get() or a lent buffer
+    std::unique_ptr<std::uint8_t[]> data;  // grown in create mode; none otherwise
     std::int32_t capacity = 0;
     std::int32_t length = 0;    // bytes written so far (high-water mark)
     std::int32_t position = 0;
@@ -34,9 +33,8 @@ bool grow(MemStream* s, std::int64_t needed) {
     if (size > INT32_MAX) return false;
     std::unique_ptr<std::uint8_t[]> bigger(new (std::nothrow) std::uint8_t[static_cast<std::size_t>(size)]);
     if (!bigger) return false;
-    if (s->length > 0) std::memcpy(bigger.get(), s->data, static_cast<std::size_t>(s->length));
-    s->owned = std::move(bigger);
-    s->data = s->owned.get();
+    if (s->length > 0) std::memcpy(bigger.get(), s->data.get(), static_cast<std::size_t>(s->length));
+    s->data = std::move(bigger);
     s->capacity = static_cast<std::int32_t>(size);
     return true;
 }
@@ -46,8 +44,7 @@ std::int32_t memOpen(void* stream, const char* /*path*/, std::int32_t mode) {
     s->mode = mode;
     s->position = 0;
     if (mode & MZ_OPEN_MODE_CREATE) {
-        s->owned.reset();
-        s->data = nullptr;
+        s->data.reset();
         s->capacity = 0;
         s->length = 0;
         if (!grow(s, s->growSize)) return MZ_MEM_ERROR;
@@ -63,7 +60,7 @@ std::int32_t memRead(void* stream, void* buf, std::int32_t size) {
     if (size < 0) return MZ_PARAM_ERROR;
     const std::int32_t n = std::min(size, s->length - s->position);
     if (n <= 0) return 0;
-    std::memcpy(buf, s->data + s->position, static_cast<std::size_t>(n));
+    std::memcpy(buf, s->data.get() + s->position, static_cast<std::size_t>(n));
     s->position += n;
     return n;
 }
@@ -73,13 +70,8 @@ std::int32_t memWrite(void* stream, const void* buf, std::int32_t size) {
     if (size < 0) return MZ_PARAM_ERROR;
     if (size == 0) return 0;
     const std::int64_t end = std::int64_t{s->position} + size;
-    if (!grow(s, end)) {
-        if (s->mode & MZ_OPEN_MODE_CREATE) return MZ_MEM_ERROR;
-        // A lent buffer takes what fits.
-        size = s->capacity - s->position;
-        if (size <= 0) return 0;
-    }
-    std::memcpy(s->data + s->position, buf, static_cast<std::size_t>(size));
+    if (!grow(s, end)) return (s->mode & MZ_OPEN_MODE_CREATE) ? MZ_MEM_ERROR : 0;
+    std::memcpy(s->data.get() + s->position, buf, static_cast<std::size_t>(size));
     s->position += size;
     s->length = std::max(s->length, s->position);
     return size;
@@ -100,7 +92,7 @@ std::int32_t memSeek(void* stream, std::int64_t offset, std::int32_t origin) {
     if (target > s->capacity && !grow(s, target)) return MZ_SEEK_ERROR;
     s->position = static_cast<std::int32_t>(target);
     if (s->position > s->length) {
-        std::memset(s->data + s->length, 0, static_cast<std::size_t>(s->position - s->length));
+        std::memset(s->data.get() + s->length, 0, static_cast<std::size_t>(s->position - s->length));
         s->length = s->position;
     }
     return MZ_OK;
@@ -138,27 +130,3 @@ void* mz_stream_mem_create() { return memCreate(); }
 void mz_stream_mem_set_grow_size(void* stream, std::int32_t grow_size) {
     if (stream && grow_size > 0) self(stream)->growSize = grow_size;
 }
-
-void mz_stream_mem_set_buffer(void* stream, void* buf, std::int32_t size) {
-    if (!stream || size < 0) return;
-    MemStream* s = self(stream);
-    s->owned.reset();
-    s->data = static_cast<std::uint8_t*>(buf);
-    s->capacity = size;
-    s->length = size;
-    s->position = 0;
-}
-
-std::int32_t mz_stream_mem_get_buffer(void* stream, const void** buf) {
-    if (!stream || !buf) return MZ_PARAM_ERROR;
-    *buf = self(stream)->data;
-    return MZ_OK;
-}
-
-std::int32_t mz_stream_mem_get_buffer_length(void* stream, std::int32_t* length) {
-    if (!stream || !length) return MZ_PARAM_ERROR;
-    *length = self(stream)->length;
-    return MZ_OK;
-}
-
-std::int32_t mz_stream_mem_get_capacity(void* stream) { return stream ? self(stream)->capacity : 0; }

@@ -1,7 +1,6 @@
 // The memory stream: a growable in-memory file behind the zip stream interface. Opened with
 // MZ_OPEN_MODE_CREATE it starts with a buffer of the grow size and grows in steps of it; opened
-// otherwise it reads and overwrites a buffer handed over with mz_stream_mem_set_buffer (never
-// growing it).
+// without it, it is empty and takes no writes.
 #pragma once
 
 #include <cstdint>
@@ -10,10 +9,3 @@
 void* mz_stream_mem_create();
 // The step by which a created buffer grows (also its first size). Must be positive.
 void mz_stream_mem_set_grow_size(void* stream, std::int32_t grow_size);
-// Lends a fixed buffer to a stream that will be opened without MZ_OPEN_MODE_CREATE.
-void mz_stream_mem_set_buffer(void* stream, void* buf, std::int32_t size);
-// The whole buffer and the number of bytes written to it (the high-water mark).
-std::int32_t mz_stream_mem_get_buffer(void* stream, const void** buf);
-std::int32_t mz_stream_mem_get_buffer_length(void* stream, std::int32_t* length);
-// Capacity of the current buffer.
-std::int32_t mz_stream_mem_get_capacity(void* stream);

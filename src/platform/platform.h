@@ -54,8 +54,6 @@ bool removeDirectory(const std::string& path);  // empty directories only
 bool makeDirectory(const std::string& path);    // one level; fails when it exists
 // Moves from -> to; never replaces an existing target (fails with the "exists" error).
 bool renameNoReplace(const std::string& from, const std::string& to);
-// The error code that makeDirectory/renameNoReplace report for an existing target.
-int existsErrorCode();
 // The error codes for a path that does not exist and for an operation that is not allowed;
 // callers that refuse a request themselves set one of them before reporting the failure.
 int missingErrorCode();

@@ -84,7 +84,6 @@ bool isFileSystemRoot(const std::string& path) {
 bool removeFile(const std::string& path) { return ::unlink(path.c_str()) == 0; }
 bool removeDirectory(const std::string& path) { return ::rmdir(path.c_str()) == 0; }
 bool makeDirectory(const std::string& path) { return ::mkdir(path.c_str(), 0777) == 0; }
-int existsErrorCode() { return EEXIST; }
 int missingErrorCode() { return ENOENT; }
 int deniedErrorCode() { return EACCES; }
 

@@ -51,10 +51,6 @@ public:
     // Makes serveClient return soon (from another thread or a signal-driven loop).
     void stop() { stopping_ = true; }
 
-    const std::optional<SessionStart>& sessionStart() const { return session_; }
-    // The outcome of the last transfer: "stored", "sent", "missing", "refused", "failed", ...
-    const std::string& lastOutcome() const { return outcome_; }
-
     // One scripted step of a session: "list PATH", "fetch LOCAL", "move LOCAL" (a fetch after
     // which the client removes its file), "fetchdir LOCAL", "store LOCAL [NAME]",
     // "storedir LOCAL [NAME]", "delete PATH", "rename OLD NEW", "close". Fetched things are kept

@@ -516,7 +516,6 @@ bool XServer::processSetup(Connection& c) {
     c.out.insert(c.out.end(), accepted.begin(), accepted.end());
     c.ready = true;
     ++accepted_;
-    lastClient_ = c.id;
     changed_.notify_all();
     return true;
 }
@@ -700,37 +699,12 @@ bool XServer::waitForClient(std::chrono::milliseconds timeout) {
     return true;
 }
 
-std::uint32_t XServer::lastClient() const {
-    std::lock_guard lock(mutex_);
-    return lastClient_;
-}
-
-bool XServer::waitForDisconnect(std::chrono::milliseconds timeout) {
-    std::unique_lock lock(mutex_);
-    const Connection* was = current();
-    if (!was) return true;
-    return changed_.wait_for(lock, timeout, [&] {
-        return std::none_of(connections_.begin(), connections_.end(), [&](const auto& c) { return c.get() == was; });
-    });
-}
-
 std::optional<Request> XServer::nextRequest(std::chrono::milliseconds timeout) {
     std::unique_lock lock(mutex_);
     if (!changed_.wait_for(lock, timeout, [&] { return !requests_.empty(); })) return std::nullopt;
     Request r = std::move(requests_.front());
     requests_.pop_front();
     return r;
-}
-
-bool XServer::clientConnected() const {
-    std::lock_guard lock(mutex_);
-    return current() != nullptr;
-}
-
-std::uint32_t XServer::currentClient() const {
-    std::lock_guard lock(mutex_);
-    const Connection* c = current();
-    return c ? c->id : 0;
 }
 
 bool XServer::isConnected(std::uint32_t client) const {

@@ -38,7 +38,7 @@ struct Request {
     std::uint8_t major = 0, minor = 0;
     std::uint16_t sequence = 0;       // its sequence number (low 16 bits, as on the wire)
     bool big = false;                 // sent in the BIG-REQUESTS form
-    std::uint32_t client = 0;         // which connection sent it (see XServer::currentClient)
+    std::uint32_t client = 0;         // which connection sent it (see XServer::sendGenericEventTo)
     // The whole request in ordinary form: the 4-byte header (major, minor, length), then the
     // body. For a big request the 32-bit length word is taken out, so every field sits at the
     // offset it has in the ordinary form; the length field then holds 0 and the real length is
@@ -72,18 +72,10 @@ public:
     bool waitForClient(std::chrono::milliseconds timeout);
     // The next vendor request of any client, in the order read; nullopt after `timeout`.
     std::optional<Request> nextRequest(std::chrono::milliseconds timeout);
-    bool clientConnected() const;
-    // Id of the current client (the most recent one that finished the handshake and is still
-    // connected), 0 when none. Events go to it.
-    std::uint32_t currentClient() const;
     // Whether the client with this id is still connected (and not being closed).
     bool isConnected(std::uint32_t client) const;
-    // Id of the client that finished the handshake last (connected or not), 0 before any.
-    std::uint32_t lastClient() const;
     // Number of clients that have finished the handshake so far.
     std::uint32_t clientsAccepted() const;
-    // Waits until the current client has gone away (or none is connected).
-    bool waitForDisconnect(std::chrono::milliseconds timeout);
 
     // A generic event of the file-transfer extension to the current client: event type, bytes
     // 10..31 (zero-filled when shorter, cut at 22), and the bytes that follow byte 32 on the wire
@@ -146,7 +138,6 @@ private:
     std::uint32_t nextId_ = 1;
     std::uint32_t accepted_ = 0;
     std::uint32_t reported_ = 0;  // accepted_ as of the last successful waitForClient
-    std::uint32_t lastClient_ = 0;
 };
 
 }  // namespace loopback
