@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace platform {
@@ -135,5 +136,90 @@ bool hostName(std::string& out);
 std::uint32_t processId();
 std::int64_t currentTime();  // seconds since 1970-01-01
 bool standardErrorIsTerminal();
+
+}  // namespace platform
+
+// ==== Receiving without loss: temporaries, replacement, signals, the log file ================
+// A received file or directory is written under a temporary name beside its target and moved
+// into place only once it arrived whole. The temporaries are registered here so that SIGINT,
+// SIGTERM and SIGHUP remove them before the process ends as the signal would.
+
+namespace platform {
+
+// A file created new for writing, never through a link.
+class TemporaryFile {
+public:
+    TemporaryFile() = default;
+    ~TemporaryFile();
+    TemporaryFile(const TemporaryFile&) = delete;
+    TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+    // Creates a file with a hidden name unique to this run in `directory` (the current
+    // directory when empty): mode 0600, O_EXCL, O_NOFOLLOW. Its path is path() afterwards.
+    bool create(const std::string& directory);
+    bool isOpen() const { return fd_ >= 0; }
+    const std::string& path() const { return path_; }
+    // Bytes written (all of them) or -1 on failure.
+    std::int64_t write(std::span<const std::uint8_t> bytes);
+    // Gives the file the permission bits a newly created file gets (0666 less the umask).
+    bool setNewFileMode();
+    // False when closing reported an error (a delayed write failure).
+    bool close();
+
+private:
+    int fd_ = -1;
+    std::string path_;
+};
+
+// Creates a directory with a hidden name unique to this run in `directory`, mode 0700.
+bool createTemporaryDirectory(const std::string& directory, std::string& path);
+// A hidden name unique to this run in `directory` that does not exist yet.
+std::string unusedTemporaryName(const std::string& directory);
+// Gives a directory the permission bits a newly created one gets (0777 less the umask).
+bool setNewDirectoryMode(const std::string& path);
+// The directory part of a path ("" when it has none, "/" for a name straight under the root).
+std::string directoryOf(const std::string& path);
+// Follows the path's final component while it is a symbolic link (relative link texts are
+// taken from the link's own directory); the path itself when it is not a link.
+bool resolveFinalLinks(const std::string& path, std::string& out);
+// Whether the calling user may write to the existing file.
+bool isWritable(const std::string& path);
+// rename(2): replaces `to` (a file, or an empty directory).
+bool replacePath(const std::string& from, const std::string& to);
+// Swaps two existing paths in one step; false (with the error) where the system cannot.
+bool exchangePaths(const std::string& a, const std::string& b);
+int nameTooLongErrorCode();
+int existsErrorCode();
+int isDirectoryErrorCode();
+int outOfMemoryErrorCode();
+int damagedDataErrorCode();  // "Bad message"
+
+// The signals that end a run (SIGINT, SIGTERM, SIGHUP) remove every registered temporary and
+// then end the process with the default action, so its status names the signal. SIGPIPE is
+// ignored: a far side that goes away shows up as a failed write, not a killed process.
+void installTerminationHandling();
+// Registers a temporary; the number identifies it, -1 when the path is too long to register.
+int registerTemporary(const std::string& path, bool directory);
+void forgetTemporary(int id);
+// Removes every registered temporary (files unlinked, directories with everything in them).
+void removeTemporaries();
+
+// Holds the ending signals back for its lifetime (around renames that must not be cut in two).
+class TerminationBlock {
+public:
+    TerminationBlock();
+    ~TerminationBlock();
+    TerminationBlock(const TerminationBlock&) = delete;
+    TerminationBlock& operator=(const TerminationBlock&) = delete;
+
+private:
+    alignas(16) unsigned char saved_[256];  // the previous signal mask
+};
+
+// Appends to the log file: opened without following a link (created 0600), written only when
+// it is a regular file owned by this user. False when nothing was written.
+bool appendToLogFile(const std::string& path, std::string_view text);
+// Writes straight to standard error (not through the log).
+void writeStandardError(std::string_view text);
 
 }  // namespace platform

@@ -2,10 +2,12 @@
 #include "platform/platform.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <csignal>
 #include <ctime>
 
 #include <dirent.h>
@@ -13,10 +15,14 @@
 #include <fnmatch.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 #ifndef RENAME_NOREPLACE
 #define RENAME_NOREPLACE (1 << 0)
+#endif
+#ifndef RENAME_EXCHANGE
+#define RENAME_EXCHANGE (1 << 1)
 #endif
 
 namespace platform {
@@ -289,5 +295,313 @@ bool hostName(std::string& out) {
 std::uint32_t processId() { return static_cast<std::uint32_t>(::getpid()); }
 std::int64_t currentTime() { return static_cast<std::int64_t>(std::time(nullptr)); }
 bool standardErrorIsTerminal() { return ::isatty(STDERR_FILENO) == 1; }
+
+}  // namespace platform
+
+// ==== Receiving without loss: temporaries, replacement, signals, the log file ================
+
+namespace platform {
+
+namespace {
+
+mode_t currentUmask() {
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    return mask;
+}
+
+std::string joinName(const std::string& directory, const std::string& name) {
+    if (directory.empty()) return name;
+    if (directory.back() == '/') return directory + name;
+    return directory + "/" + name;
+}
+
+// Hidden names unique to the run: the process id and a counter.
+std::string nextTemporaryName(const std::string& directory) {
+    static unsigned counter = 0;
+    char name[64];
+    std::snprintf(name, sizeof name, ".varoft-%ld-%u.part", static_cast<long>(::getpid()), counter++);
+    return joinName(directory, name);
+}
+
+constexpr int kNameAttempts = 1000;
+
+// ---- the registry of temporaries ------------------------------------------------------------
+
+constexpr std::size_t kTemporarySlots = 4;
+constexpr std::size_t kTemporaryPathMax = 4608;
+
+struct TemporarySlot {
+    volatile sig_atomic_t used = 0;
+    volatile sig_atomic_t directory = 0;
+    char path[kTemporaryPathMax] = {};
+};
+
+TemporarySlot Temporaries[kTemporarySlots];
+
+// Removes a directory and everything in it using only calls that are safe in a signal handler:
+// one descriptor at a time, down into a directory that is not empty and back up by "..".
+// Never follows a symbolic link; gives up after a bounded number of steps (entries it cannot
+// remove stay).
+void removeTreeSafely(const char* path) {
+    int fd = ::open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        if (errno == ENOTDIR || errno == ELOOP) ::unlink(path);
+        else ::rmdir(path);
+        return;
+    }
+    struct stat top {};
+    if (::fstat(fd, &top) != 0) {
+        ::close(fd);
+        return;
+    }
+    alignas(8) static char buffer[8192];
+    for (int steps = 0; steps < (1 << 16); ++steps) {
+        bool descended = false;
+        ::lseek(fd, 0, SEEK_SET);
+        while (!descended) {
+            const long n = ::syscall(SYS_getdents64, fd, buffer, sizeof buffer);
+            if (n <= 0) break;
+            for (long at = 0; at < n && !descended;) {
+                const auto* entry = reinterpret_cast<const struct dirent64*>(buffer + at);
+                at += entry->d_reclen;
+                const char* name = entry->d_name;
+                if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
+                if (::unlinkat(fd, name, 0) == 0) continue;
+                if (errno != EISDIR && errno != EPERM) continue;
+                if (::unlinkat(fd, name, AT_REMOVEDIR) == 0) continue;
+                if (errno != ENOTEMPTY && errno != EEXIST) continue;
+                const int child = ::openat(fd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+                if (child < 0) continue;
+                ::close(fd);
+                fd = child;
+                descended = true;
+            }
+        }
+        if (descended) continue;
+        struct stat here {};
+        if (::fstat(fd, &here) != 0 || (here.st_dev == top.st_dev && here.st_ino == top.st_ino)) break;
+        const int parent = ::openat(fd, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ::close(fd);
+        if (parent < 0) return;
+        fd = parent;
+    }
+    ::close(fd);
+    ::rmdir(path);
+}
+
+void removeRegistered() {
+    for (TemporarySlot& slot : Temporaries) {
+        if (!slot.used) continue;
+        if (slot.directory) removeTreeSafely(slot.path);
+        else ::unlink(slot.path);
+        slot.used = 0;
+    }
+}
+
+sigset_t endingSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGHUP);
+    return set;
+}
+
+void onEndingSignal(int signal) {
+    removeRegistered();
+    struct sigaction standard {};
+    standard.sa_handler = SIG_DFL;
+    sigemptyset(&standard.sa_mask);
+    ::sigaction(signal, &standard, nullptr);
+    sigset_t only;
+    sigemptyset(&only);
+    sigaddset(&only, signal);
+    ::sigprocmask(SIG_UNBLOCK, &only, nullptr);
+    ::raise(signal);
+}
+
+}  // namespace
+
+TemporaryFile::~TemporaryFile() { close(); }
+
+bool TemporaryFile::create(const std::string& directory) {
+    close();
+    for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
+        std::string path = nextTemporaryName(directory);
+        fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+        if (fd_ >= 0) {
+            path_ = std::move(path);
+            return true;
+        }
+        if (errno != EEXIST) return false;
+    }
+    return false;
+}
+
+std::int64_t TemporaryFile::write(std::span<const std::uint8_t> bytes) {
+    if (fd_ < 0) {
+        errno = EBADF;
+        return -1;
+    }
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = ::write(fd_, bytes.data() + done, bytes.size() - done);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return -1;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    return static_cast<std::int64_t>(done);
+}
+
+bool TemporaryFile::setNewFileMode() { return fd_ >= 0 && ::fchmod(fd_, 0666 & ~currentUmask()) == 0; }
+
+bool TemporaryFile::close() {
+    if (fd_ < 0) return true;
+    const int rc = ::close(fd_);
+    fd_ = -1;
+    return rc == 0;
+}
+
+bool createTemporaryDirectory(const std::string& directory, std::string& path) {
+    for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
+        path = nextTemporaryName(directory);
+        if (::mkdir(path.c_str(), 0700) == 0) return true;
+        if (errno != EEXIST) return false;
+    }
+    return false;
+}
+
+std::string unusedTemporaryName(const std::string& directory) {
+    std::string path;
+    struct stat st {};
+    for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
+        path = nextTemporaryName(directory);
+        if (::lstat(path.c_str(), &st) != 0 && errno == ENOENT) break;
+    }
+    return path;
+}
+
+bool setNewDirectoryMode(const std::string& path) { return ::chmod(path.c_str(), 0777 & ~currentUmask()) == 0; }
+
+std::string directoryOf(const std::string& path) {
+    const std::size_t cut = path.rfind('/');
+    if (cut == std::string::npos) return std::string();
+    return cut == 0 ? std::string("/") : path.substr(0, cut);
+}
+
+bool resolveFinalLinks(const std::string& path, std::string& out) {
+    std::string current = path;
+    for (int hops = 0; hops < 40; ++hops) {
+        struct stat st {};
+        if (::lstat(current.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) {
+            out = current;
+            return true;
+        }
+        std::string text(static_cast<std::size_t>(st.st_size > 0 ? st.st_size : 255) + 1, '\0');
+        const ssize_t n = ::readlink(current.c_str(), text.data(), text.size());
+        if (n < 0) return false;
+        if (static_cast<std::size_t>(n) >= text.size()) {
+            errno = ENAMETOOLONG;
+            return false;
+        }
+        text.resize(static_cast<std::size_t>(n));
+        current = !text.empty() && text[0] == '/' ? text : joinName(directoryOf(current), text);
+    }
+    errno = ELOOP;
+    return false;
+}
+
+bool isWritable(const std::string& path) { return ::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0; }
+
+bool replacePath(const std::string& from, const std::string& to) { return ::rename(from.c_str(), to.c_str()) == 0; }
+
+bool exchangePaths(const std::string& a, const std::string& b) {
+    return ::syscall(SYS_renameat2, AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE) == 0;
+}
+
+int nameTooLongErrorCode() { return ENAMETOOLONG; }
+int existsErrorCode() { return EEXIST; }
+int isDirectoryErrorCode() { return EISDIR; }
+int outOfMemoryErrorCode() { return ENOMEM; }
+int damagedDataErrorCode() { return EBADMSG; }
+
+void installTerminationHandling() {
+    ::signal(SIGPIPE, SIG_IGN);
+    struct sigaction action {};
+    action.sa_handler = onEndingSignal;
+    action.sa_mask = endingSignals();
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction previous {};
+        // A signal the run was started with ignored (nohup, a background job) stays ignored.
+        if (::sigaction(signal, nullptr, &previous) == 0 && previous.sa_handler == SIG_IGN) continue;
+        ::sigaction(signal, &action, nullptr);
+    }
+}
+
+int registerTemporary(const std::string& path, bool directory) {
+    if (path.size() >= kTemporaryPathMax) return -1;
+    for (std::size_t i = 0; i < kTemporarySlots; ++i) {
+        TemporarySlot& slot = Temporaries[i];
+        if (slot.used) continue;
+        std::memcpy(slot.path, path.c_str(), path.size() + 1);
+        slot.directory = directory ? 1 : 0;
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        slot.used = 1;
+        return static_cast<int>(i);
+    }
+    return -1;
+}
+
+void forgetTemporary(int id) {
+    if (id >= 0 && static_cast<std::size_t>(id) < kTemporarySlots) Temporaries[id].used = 0;
+}
+
+void removeTemporaries() {
+    TerminationBlock block;
+    removeRegistered();
+}
+
+static_assert(sizeof(sigset_t) <= 256, "TerminationBlock keeps the mask in 256 bytes");
+
+TerminationBlock::TerminationBlock() {
+    const sigset_t set = endingSignals();
+    ::sigprocmask(SIG_BLOCK, &set, reinterpret_cast<sigset_t*>(saved_));
+}
+
+TerminationBlock::~TerminationBlock() {
+    const int saved = errno;
+    ::sigprocmask(SIG_SETMASK, reinterpret_cast<const sigset_t*>(saved_), nullptr);
+    errno = saved;
+}
+
+bool appendToLogFile(const std::string& path, std::string_view text) {
+    // Non-blocking so that a FIFO planted under the name cannot hold the run.
+    const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600);
+    if (fd < 0) return false;
+    struct stat st {};
+    bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == ::geteuid();
+    std::size_t done = 0;
+    while (ok && done < text.size()) {
+        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) ok = false;
+        else done += static_cast<std::size_t>(n);
+    }
+    ::close(fd);
+    return ok;
+}
+
+void writeStandardError(std::string_view text) {
+    std::size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t n = ::write(STDERR_FILENO, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return;
+        done += static_cast<std::size_t>(n);
+    }
+}
 
 }  // namespace platform
