@@ -16,6 +16,7 @@
 #include "filetransfer/listing.h"
 #include "filetransfer/progress.h"
 #include "filetransfer/protocol.h"
+#include "filetransfer/staging.h"
 #include "filetransfer/transfer.h"
 #include "filetransfer/transfer_state.h"
 #include "platform/platform.h"
@@ -33,6 +34,7 @@ void closeCurrentStream() {
 
 void endTransferProcess(xcb_connection_t* connection) {
     xcb_flush(connection);
+    platform::removeTemporaries();  // a receive that did not complete leaves its target as it was
     std::exit(0);
 }
 
@@ -88,6 +90,8 @@ void announce(xcb_connection_t* connection, std::uint8_t direction, std::uint8_t
     sendFileTransferReply(connection, fields);
 }
 
+// The file is received into a temporary beside the target, which it replaces only once it
+// arrived whole. A device or FIFO the user names is written directly: it holds nothing to lose.
 void prepareGet(xcb_connection_t* connection) {
     {
         platform::File existing;
@@ -96,10 +100,21 @@ void prepareGet(xcb_connection_t* connection) {
             askOverwrite(connection, "Local File %s exists, overwrite it [y/n]?");
         }
     }
-    if (!ensureFileStream() ||
-        mz_stream_open(FileStream, LocalPath.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE) != MZ_OK)
-        failLocal(connection, "Unable to open local file for writting: %s.\n", LocalPath);
-    CurrentStream = FileStream;
+    std::string resolved;
+    platform::Status st;
+    if (platform::resolveFinalLinks(LocalPath, resolved) && platform::status(resolved, st) &&
+        st.kind == platform::Kind::Other) {
+        if (!ensureFileStream() ||
+            mz_stream_open(FileStream, LocalPath.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE) != MZ_OK)
+            failLocal(connection, "Unable to open local file for writting: %s.\n", LocalPath);
+        CurrentStream = FileStream;
+    } else {
+        void* stream = nullptr;
+        int error = 0;
+        if (!stageFile(LocalPath, stream, error))
+            failLocal(connection, "Unable to open local file for writting: %s.\n", LocalPath);
+        CurrentStream = stream;
+    }
     announce(connection, kDirectionFromDesktop, kObjectFile, 0, 0);
 }
 
@@ -121,17 +136,23 @@ void prepareGetDirectory(xcb_connection_t* connection) {
     const std::string parent = cut == 0 ? LocalPath.substr(0, 1) : LocalPath.substr(0, cut);
     if (!platform::exists(parent)) failLocal(connection, "Wrong local path: %s \n", parent);
 
-    if (platform::isDirectory(LocalPath)) {
+    if (platform::isDirectory(LocalPath))
         askOverwrite(connection, "Local Directory %s exists, overwrite it [y/n]?");
-    } else if (!platform::makeDirectory(LocalPath)) {
-        const int error = platform::lastError();
+    // The tree is unpacked into a temporary directory beside the target; it replaces the target
+    // (an existing tree included) only once it arrived whole.
+    std::string temporary;
+    int error = 0;
+    const bool staged = stageDirectory(LocalPath, temporary, error);
+    if (!staged) {
         logPrint(1, "Unable to create directory %s: %s (%d)\n", LocalPath.c_str(), platform::errorText(error).c_str(),
                  error);
     }
-    if (!ensureDirUnpackStream() ||
-        mz_stream_open(DirUnpackStream, LocalPath.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE) != MZ_OK) {
-        const int error = platform::lastError();
+    const bool made = ensureDirUnpackStream();
+    if (!staged || !made ||
+        mz_stream_open(DirUnpackStream, temporary.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE) != MZ_OK) {
+        if (staged) error = made ? platform::lastError() : platform::outOfMemoryErrorCode();
         mz_stream_close(DirUnpackStream);
+        discardStage();
         platform::setLastError(error);
         sendFileTransferStatus(connection, LocalPath, kStatusTransferTarget, true);
         endTransferProcess(connection);
@@ -202,5 +223,16 @@ int runFileTransfer(xcb_connection_t* connection) {
             endTransferProcess(connection);
     }
     serveEvents(connection);
+    // The connection went. A receive in progress leaves its target as it was; on a terminal
+    // (and only there) one line says so.
+    if (CurrentStream && Verbosity >= 1 && platform::standardErrorIsTerminal()) {
+        finishProgress();
+        const std::string line = stageActive() ? "The connection was lost: the transfer did not complete and " +
+                                                     stagedTarget() + " is unchanged.\n"
+                                               : "The connection was lost: the transfer did not complete.\n";
+        platform::writeStandardError(line);
+    }
+    discardStage();
+    platform::removeTemporaries();
     return 1;
 }

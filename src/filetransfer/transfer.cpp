@@ -15,6 +15,7 @@
 #include "filetransfer/progress.h"
 #include "filetransfer/protocol.h"
 #include "filetransfer/session.h"
+#include "filetransfer/staging.h"
 #include "filetransfer/transfer_state.h"
 #include "platform/platform.h"
 
@@ -32,6 +33,7 @@ struct TransferState {
     std::string directoryPath;  // a received directory: name B without its ".zip" ending
     bool finish = false;        // a command-line send reached its end: exit after the reply
     bool writeFailureLogged = false;
+    int writeError = 0;         // the error of the first failed write of a receive
 };
 
 TransferState Transfer;
@@ -83,6 +85,7 @@ void startSending(xcb_connection_t* connection) {
     }
     CurrentStream = stream;
     Transfer.writeFailureLogged = false;
+    Transfer.writeError = 0;
     if (directory) {
         Transfer.size = 0;
     } else {
@@ -98,10 +101,10 @@ void startSending(xcb_connection_t* connection) {
     sendReply(connection, kReplyOpened);
 }
 
+// A received file is written beside its target and replaces it only once it arrived whole (a
+// kind-2 replace therefore deletes nothing at its start).
 void startReceivingFile(xcb_connection_t* connection) {
-    if (Transfer.kind == kEventStartReplacing) {
-        platform::removeFile(Transfer.nameB);
-    } else {
+    if (Transfer.kind != kEventStartReplacing) {
         platform::File existing;
         if (existing.open(Transfer.nameB, platform::OpenMode::Read)) {
             existing.close();
@@ -109,21 +112,25 @@ void startReceivingFile(xcb_connection_t* connection) {
             return;
         }
     }
-    if (!ensureFileStream() ||
-        mz_stream_open(FileStream, Transfer.nameB.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE) != MZ_OK) {
-        sendFileTransferStatus(connection, Transfer.nameB, kStatusTransferTarget, true);
+    if (isStagedFileStream(CurrentStream)) CurrentStream = nullptr;
+    void* stream = nullptr;
+    int error = 0;
+    if (!stageFile(Transfer.nameB, stream, error)) {
+        sendFailedStatusAfter(connection, Transfer.nameB, kStatusTransferTarget, error);
         return;
     }
-    CurrentStream = FileStream;
+    CurrentStream = stream;
     Transfer.writeFailureLogged = false;
+    Transfer.writeError = 0;
     startProgress(Transfer.nameB, Transfer.size);
     sendReply(connection, kReplyOpened);
 }
 
+// A received directory is unpacked into a temporary directory beside its target; the tree it
+// replaces (kind 2, or the one the user agreed to overwrite) goes only once it arrived whole.
 void startReceivingDirectory(xcb_connection_t* connection) {
-    if (Transfer.kind == kEventStartReplacing) {
-        removeDirectoryTree(Transfer.directoryPath);
-    } else {
+    std::string replaced;
+    if (Transfer.kind != kEventStartReplacing) {
         if (Transfer.nameB.find_first_of("\\/") == std::string::npos) return;
         std::string path = Transfer.nameB.substr(0, kNameMax);
         const std::size_t zip = path.find(".zip");
@@ -131,36 +138,91 @@ void startReceivingDirectory(xcb_connection_t* connection) {
         path.resize(zip);
         Transfer.directoryPath = path;
         if (!KeepPath.empty()) {
-            if (!removeDirectoryTree(KeepPath)) {
+            // The tree the user agreed to overwrite is set aside for removal after arrival; one
+            // that could not even be renamed could not be removed either.
+            if (!platform::isWritable(platform::directoryOf(KeepPath).empty() ? std::string(".")
+                                                                              : platform::directoryOf(KeepPath))) {
                 logPrint(1, "Cannot remove directory %s\nFile Transfer abort.\n", KeepPath.c_str());
                 endTransferProcess(connection);
             }
+            replaced = KeepPath;
             KeepPath.clear();
         }
-        if (platform::isDirectory(Transfer.directoryPath)) {
+        if (Transfer.directoryPath != replaced && platform::isDirectory(Transfer.directoryPath)) {
             sendReply(connection, kReplyTargetExists);
             return;
         }
     }
 
     const bool made = ensureDirUnpackStream();
-    if (!platform::makeDirectory(Transfer.directoryPath)) {
-        const int error = platform::lastError();
+    std::string temporary;
+    int error = 0;
+    const bool staged = stageDirectory(Transfer.directoryPath, temporary, error);
+    if (!staged) {
         logPrint(1, "Unable to create directory %s: %s (%d)\n", Transfer.directoryPath.c_str(),
                  platform::errorText(error).c_str(), error);
+    } else {
+        stageAlsoReplaces(replaced);
     }
-    if (made && mz_stream_open(DirUnpackStream, Transfer.directoryPath.c_str(),
-                               MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE) == MZ_OK) {
+    if (staged && made &&
+        mz_stream_open(DirUnpackStream, temporary.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE) == MZ_OK) {
         CurrentStream = DirUnpackStream;
         Transfer.writeFailureLogged = false;
+    Transfer.writeError = 0;
         startProgress(Transfer.directoryPath, 0);
         sendReply(connection, kReplyOpened);
         return;
     }
-    const int error = platform::lastError();
+    if (staged) error = made ? platform::lastError() : platform::outOfMemoryErrorCode();
     mz_stream_close(DirUnpackStream);
+    if (CurrentStream == DirUnpackStream) CurrentStream = nullptr;
+    discardStage();
     sendFailedStatusAfter(connection, Transfer.directoryPath, kStatusTransferTarget, error);
     if (RunMode != RunModeNone) endTransferProcess(connection);
+}
+
+// ---- ending the current stream ---------------------------------------------------------------
+
+// The first failure of a received file is logged once (decision on failed writes).
+void logWriteFailure(const std::string& path, int error) {
+    if (Transfer.writeFailureLogged) return;
+    Transfer.writeFailureLogged = true;
+    logPrint(1, "Unable to write to local %s: %s\n", path.c_str(), platform::errorText(error).c_str());
+}
+
+// Closes the current stream. A received file or directory that arrived whole (every write
+// succeeded; for a directory, the unpack stream's is_open and close succeeded) is moved into
+// place; anything else is discarded. False when a receive did not arrive whole, with the error.
+bool settleCurrentStream(int& error) {
+    void* stream = CurrentStream;
+    if (!stream || (!isStagedFileStream(stream) && stream != DirUnpackStream) || !stageActive()) {
+        closeCurrentStream();
+        return true;
+    }
+    CurrentStream = nullptr;
+    platform::setLastError(0);
+    const bool open = mz_stream_is_open(stream) == MZ_OK;
+    const bool closed = mz_stream_close(stream) == MZ_OK;
+    error = platform::lastError();
+    if (stageBroken() && Transfer.writeError != 0) error = Transfer.writeError;  // the reason of the first failure
+    else if (error == 0) error = platform::damagedDataErrorCode();                // a failure no call reported
+    const std::string target = stagedTarget();
+    if (!open || !closed || stageBroken()) {
+        if (open && !closed && isStagedFileStream(stream)) logWriteFailure(target, error);
+        discardStage();
+        return false;
+    }
+    if (!commitStage(error)) {
+        logWriteFailure(target, error);
+        return false;
+    }
+    return true;
+}
+
+// Closes the current stream and drops whatever a receive left in its temporaries.
+void discardCurrentStream() {
+    discardStage();
+    closeCurrentStream();
 }
 
 // ---- moving data -----------------------------------------------------------------------------
@@ -176,8 +238,13 @@ void writeChunk(std::span<const std::uint8_t> data) {
         platform::setLastError(0);
         result = mz_stream_write(CurrentStream, data.data() + done, static_cast<std::int32_t>(piece));
         error = platform::lastError();
-        if (result != static_cast<std::int32_t>(piece)) failed = true;
+        // Bytes after the central directory are not a failure: the archive already ended.
+        if (result != static_cast<std::int32_t>(piece) && result != MZ_END_OF_STREAM) failed = true;
         done += piece;
+    }
+    if (failed) {
+        markStageBroken();
+        if (Transfer.writeError == 0) Transfer.writeError = error != 0 ? error : platform::damagedDataErrorCode();
     }
     if (failed && !Transfer.writeFailureLogged) {
         Transfer.writeFailureLogged = true;
@@ -205,7 +272,8 @@ void receiveChunk(xcb_connection_t* connection, std::span<const std::uint8_t> da
 
 // The source is exhausted (or the transfer was ended another way): close it, answer kind 8.
 void endSending(xcb_connection_t* connection) {
-    closeCurrentStream();
+    int error = 0;
+    settleCurrentStream(error);
     Transfer.kind = kReplyEnd;
     if (isMoveObject(Transfer.objectType)) platform::removeFile(Transfer.nameB);
     if (RunMode != RunModeNone) Transfer.finish = true;
@@ -233,24 +301,16 @@ void sendChunk(xcb_connection_t* connection) {
 
 void complete(xcb_connection_t* connection) {
     KeepPath.clear();
+    const bool unpacking = CurrentStream && CurrentStream == DirUnpackStream;
+    int error = 0;
+    const bool whole = settleCurrentStream(error);
     if (Transfer.objectType == kObjectDirectory) {
-        // Only the unpack stream has an outcome to report; when neither it nor a current
-        // stream exists, the unpacking counts as failed. Sent directories report success.
-        bool failed = false;
-        if (CurrentStream == DirUnpackStream) {
-            if (!CurrentStream) {
-                failed = true;
-            } else {
-                const std::int32_t open = mz_stream_is_open(CurrentStream);
-                const std::int32_t closed = mz_stream_close(CurrentStream);
-                failed = open != MZ_OK || closed != MZ_OK;
-            }
-            CurrentStream = nullptr;
-        }
-        sendFileTransferStatus(connection, Transfer.directoryPath, kStatusTransferTarget, failed);
+        // Only the unpack stream has an outcome to report; a directory sent from here, or no
+        // transfer at all, reports success.
+        if (unpacking && !whole) sendFailedStatusAfter(connection, Transfer.directoryPath, kStatusTransferTarget, error);
+        else sendFileTransferStatus(connection, Transfer.directoryPath, kStatusTransferTarget, false);
         Transfer.directoryPath.clear();
     }
-    closeCurrentStream();
     finishProgress();
     if (RunMode != RunModeNone) {
         logPrint(1, "File Transfer completed.\n");
@@ -258,21 +318,23 @@ void complete(xcb_connection_t* connection) {
     }
 }
 
+// An abort removes what the documents remove (the source of a move, the file the user agreed
+// to replace when it is a move, an empty directory named like the archive); what arrived so far
+// is only in the temporaries, which go, so the target stays as it was.
 void abortTransfer(xcb_connection_t* connection) {
     if (CurrentStream) {
         // The local side is cleaned up while the stream is still open; only then is it closed.
         if (Transfer.direction == kDirectionFromDesktop) {
             if (KeepPath == Transfer.nameB) {
                 if (isMoveObject(Transfer.objectType)) platform::removeFile(Transfer.nameB);
-            } else if (Transfer.objectType != kObjectDirectory) {
-                platform::removeFile(Transfer.nameB);
-            } else {
+            } else if (Transfer.objectType == kObjectDirectory) {
                 platform::removeDirectory(Transfer.nameB);
             }
+            discardStage();
         } else if (Transfer.direction == kDirectionToDesktop) {
             if (isMoveObject(Transfer.objectType)) platform::removeFile(Transfer.nameB);
         }
-        closeCurrentStream();
+        discardCurrentStream();
     }
     KeepPath.clear();
     finishProgress();
@@ -291,8 +353,8 @@ void abortTransfer(xcb_connection_t* connection) {
     };
     finishProgress();
     logPrint(1, "%s", messages[kind - kEventRefusedFirst]);
-    closeCurrentStream();
-    if (RunMode == RunModeGet && !LocalPath.empty()) platform::removeFile(LocalPath);
+    // What a -get received so far is only in its temporary, which goes; the target stays.
+    discardCurrentStream();
     endTransferProcess(connection);
 }
 

@@ -2,7 +2,10 @@
 // desktop's part of -put, -open, -get and their local errors.
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <filesystem>
+
+#include <sys/stat.h>
 
 #include "far_side.h"
 #include "support/temp_dir.h"
@@ -46,49 +49,97 @@ TEST(FileTransferCommandLine, SendModesAnnounceThenSendEveryChunk) {
     }
 }
 
-// -get: chunks of any size; only a lower-case n refuses to overwrite; an abort removes a
-// partial file, but not the file the user agreed to replace (opened, so now empty).
-TEST(FileTransferCommandLine, GetStoresEveryChunkAsksBeforeOverwritingAndObeysAnAbort) {
-    enum Left { Content, Old, Empty, Gone };
+// -get: chunks of any size; only a lower-case n refuses to overwrite. The file arrives under a
+// temporary name and replaces the target (the file a link names) only once complete: every
+// other ending (an abort before or after data, a refusal, a lost connection, a signal, a failed
+// write) leaves the old file byte for byte, or no file, and nothing else in the directory.
+TEST(FileTransferCommandLine, GetReplacesTheTargetOnlyOnceTheFileArrivedWhole) {
+    enum End { Complete, Abort, Refuse, Lose, Signal, Declined };
     struct Case {
         std::size_t size, chunk = 131072;
         bool existing = false;
         std::optional<std::string> input = {};
-        std::uint8_t end = 8;
-        Left left = Content;
+        End end = Complete;
+        int how = 0;        // the refusal's kind, the signal
+        bool link = false;  // the local path is a symbolic link to the file
+        long limit = 0;     // writes past this size fail
     } cases[] = {
         {0}, {1}, {131072}, {3 * 131072 + 17}, {200000, 4093},
-        {3, 131072, true, "y"}, {3, 131072, true, "n", 8, Old}, {3, 131072, true, "N"}, {3, 131072, true, "\n"},
-        {3, 131072, true, "nope\n", 8, Old}, {3, 131072, true, std::nullopt},
-        {1000, 131072, false, {}, 7, Gone}, {0, 131072, true, "y", 7, Empty},
+        {3, 131072, true, "y"}, {3, 131072, true, "n", Declined}, {3, 131072, true, "N"}, {3, 131072, true, "\n"},
+        {3, 131072, true, "nope\n", Declined}, {3, 131072, true, std::nullopt}, {5000, 131072, true, "y", Complete, 0, true},
+        {1000, 131072, false, {}, Abort}, {0, 131072, true, "y", Abort}, {300000, 131072, true, "y", Abort},
+        {300000, 131072, true, "y", Refuse, 14}, {300000, 131072, true, "y", Refuse, 15},
+        {300000, 131072, true, "y", Refuse, 16}, {300000, 131072, false, {}, Refuse, 17},
+        {300000, 131072, true, "y", Lose}, {300000, 131072, true, "y", Signal, SIGINT},
+        {300000, 131072, true, "y", Signal, SIGTERM}, {300000, 131072, false, {}, Signal, SIGHUP},
+        {300000, 131072, true, "y", Complete, 0, false, 200000},
     };
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
     for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.size << " " << c.input.value_or("(end of input)"));
+        SCOPED_TRACE(testing::Message() << c.size << " " << c.input.value_or("(end of input)") << " " << c.end << " "
+                                        << c.how << " " << c.limit);
         FarSide far;
         FAR_SIDE_OR_SKIP(far);
+        far.setFileSizeLimit(c.limit);
         testsupport::TempDir dir;
         const std::string local = (dir / "received.bin").string();
-        if (c.existing) testsupport::writeFile(local, "old");
+        const fs::path file = c.link ? dir / "real.bin" : fs::path(local);
+        if (c.link) fs::create_symlink("real.bin", local);
+        if (c.existing) testsupport::writeFile(file, "old");
         const Bytes content = pattern(c.size, 7);
         ASSERT_TRUE(far.start({"-get", "remote.bin", local}, c.input));
-        if (c.left != Old) {
+        testsupport::RunResult result;
+        std::string tail = "File Transfer completed.\n";
+        if (c.end != Declined) {
             const auto announce = far.nextReply();
             ASSERT_TRUE(announce);
             EXPECT_EQ(fieldsOf(*announce), Fields(2, 1, 0, 10, 0, "remote.bin", local));
             Event data = echo(*announce, 4);
             data.size = c.size;
-            if (c.left != Empty) far.push(data, content, c.chunk);
-            ASSERT_TRUE(far.send(echo(*announce, c.end)));
+            if (c.size > 0) far.push(data, content, c.chunk);
+            switch (c.end) {
+                case Complete: ASSERT_TRUE(far.send(echo(*announce, 8))); break;
+                case Abort: ASSERT_TRUE(far.send(echo(*announce, 7))); tail = "File Transfer aborted by remote.\n"; break;
+                case Refuse:
+                    ASSERT_TRUE(far.send(Event{2, 1, 0, static_cast<std::uint8_t>(c.how), 0, {}, {}, {}}));
+                    tail = "Failed";
+                    break;
+                case Signal: far.signal(c.how); break;
+                default: break;
+            }
+            if (c.end != Signal && c.end != Lose) {
+                EXPECT_TRUE(far.quiet());
+            }
+            result = c.end == Lose ? far.close() : far.finish();
+        } else {
+            EXPECT_TRUE(far.quiet());
+            result = far.finish();
+            tail = "File Transfer abort.\n";
         }
-        EXPECT_TRUE(far.quiet());
         const std::string question = c.existing ? "Local File " + local + " exists, overwrite it [y/n]?" : "";
-        const char* tail = c.left == Old ? "File Transfer abort.\n"
-                           : c.end == 8  ? "File Transfer completed.\n"
-                                         : "File Transfer aborted by remote.\n";
-        expectEnd(far.finish(), question + tail);
-        EXPECT_EQ(fs::exists(local), c.left != Gone);
-        const std::string left = c.left == Content ? std::string(content.begin(), content.end()) : c.left == Old ? "old" : "";
-        EXPECT_EQ(c.left == Gone ? "" : testsupport::readFile(local), left);
+        if (c.limit > 0) tail = "Unable to write to local " + local + ": File too large\n" + tail;
+        if (c.end == Signal) {
+            EXPECT_EQ(result.signal, c.how) << "ended as the signal would";
+        } else if (c.end == Lose || c.end == Refuse) {
+            EXPECT_EQ(result.exitCode, 0);
+            EXPECT_TRUE(contains(result.err, question + (c.end == Lose ? "" : tail))) << result.err;
+            EXPECT_FALSE(contains(result.err, "connection was lost")) << "that line is for terminals only";
+        } else {
+            expectEnd(result, question + tail);
+        }
+        const bool arrived = c.end == Complete && c.limit == 0;
+        std::vector<std::string> names;
+        if (c.link) names = {"real.bin", "received.bin"};
+        else if (arrived || c.existing) names = {"received.bin"};
+        EXPECT_EQ(testsupport::namesIn(dir.path()), names) << "no temporary is left behind";
+        if (arrived) {
+            EXPECT_EQ(bytesOf(testsupport::readFile(file)), content);
+            EXPECT_EQ(fs::status(file).permissions(), static_cast<fs::perms>(0666 & ~mask));
+            EXPECT_EQ(fs::is_symlink(local), c.link);
+        } else if (c.existing) {
+            EXPECT_EQ(testsupport::readFile(file), "old");
+        }
     }
 }
 

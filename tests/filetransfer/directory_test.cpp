@@ -2,6 +2,7 @@
 // -putd: the tree that arrives is compared with the tree that was packed.
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <filesystem>
 
 #include "archive/archive_support.h"
@@ -58,8 +59,9 @@ protected:
     Bytes archive;
 };
 
-// A new directory opens at once; an existing one is replaced only on kind 2. The stream serves
-// one directory after another, whatever the packing method.
+// A new directory opens at once; an existing one is replaced only on kind 2, and only once the
+// new tree arrived whole. The stream serves one directory after another, whatever the packing
+// method; nothing is left beside the trees.
 TEST_F(Directories, SessionStoreUnpacksTreesAndReportsSuccess) {
     startSession();
     fs::create_directories(dir / "old" / "sub");
@@ -75,13 +77,14 @@ TEST_F(Directories, SessionStoreUnpacksTreesAndReportsSuccess) {
             send(2, b);
         }
         EXPECT_EQ(far.nextReply().value_or(Reply{}).kind, 3);
-        EXPECT_TRUE(fs::is_directory(dir / name));
-        EXPECT_FALSE(fs::exists(dir / name / "sub" / "stale.txt"));
         push(b, pack(method));
+        EXPECT_EQ(fs::exists(dir / name / "sub" / "stale.txt"), name == "old");
+        EXPECT_EQ(fs::exists(dir / name), name == "old");
         send(8, b);
         expectStatus(far, 1, false, (dir / name).string());
         expectSourceTree(dir / name);
     }
+    EXPECT_EQ(testsupport::namesIn(dir.path()), (std::vector<std::string>{"deflate", "old", "source", "zstd"}));
     const auto result = far.close();
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_TRUE(contains(result.err, "Sending suceess file transfer status\n"));
@@ -89,7 +92,8 @@ TEST_F(Directories, SessionStoreUnpacksTreesAndReportsSuccess) {
 
 // Kind 2 before any kind 0: the directory path is still empty, and an empty path is never
 // handed to the tree removal, so nothing around the process is deleted. Names without a
-// separator or ".zip" get no answer; the first ".zip" ends the name. A cut archive fails.
+// separator or ".zip" get no answer; the first ".zip" ends the name. A cut archive fails and
+// leaves nothing, as does a replacing store that is aborted after its data.
 TEST_F(Directories, SessionStoreRefusals) {
     far.setWorkingDirectory(dir.str());
     startSession();
@@ -104,40 +108,104 @@ TEST_F(Directories, SessionStoreRefusals) {
     const std::string b = (dir / "cut.zip" / "b.zip").string();
     send(0, b);
     EXPECT_EQ(far.nextReply().value_or(Reply{}).kind, 3);
-    EXPECT_TRUE(fs::is_directory(dir / "cut"));
     push(b, Bytes(archive.begin(), archive.begin() + static_cast<std::ptrdiff_t>(archive.size() / 2)));
     send(8, b);
     expectStatus(far, 1, true, (dir / "cut").string());
+    const std::string source = (dir / "source.zip").string();
+    send(0, source);
+    EXPECT_EQ(far.nextReply().value_or(Reply{}).kind, 1);
+    send(2, source);
+    EXPECT_EQ(far.nextReply().value_or(Reply{}).kind, 3);
+    push(source, pack(loopback::ZipMethod::Store));
+    send(7, source);
+    EXPECT_TRUE(far.quiet());
+    expectSourceTree(dir / "source");
+    EXPECT_EQ(testsupport::namesIn(dir.path()), std::vector<std::string>{"source"});
     const auto result = far.close();
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_TRUE(contains(result.err, "Unable to create directory : No such file or directory (2)\n")) << result.err;
 }
 
-// -getd: a new directory is filled and reported, or removed again on an abort; an existing
-// one is left alone when the user refuses.
-TEST_F(Directories, GetDirectoryFromTheCommandLine) {
-    const std::pair<std::string, std::uint8_t> cases[] = {{"fresh", 8}, {"aborted", 7}, {"source", 0}};
-    for (const auto& [name, end] : cases) {
-        SCOPED_TRACE(name);
-        FarSide side;
-        const std::string local = (dir / name).string();
-        ASSERT_TRUE(side.start({"-getd", "Desktop/project", local}, "n"));
-        if (end == 0) {
-            EXPECT_TRUE(side.quiet());
-            expectEnd(side.finish(), "Local Directory " + local + " exists, overwrite it [y/n]?File Transfer abort.\n");
-            expectSourceTree(local);
-            continue;
+// -getd: the tree is unpacked beside the target and replaces it (an existing tree the user
+// agreed to overwrite included) only once it arrived whole. An abort before or after data, a
+// refusal, a lost connection, a signal or damaged data leave the target as it was, and nothing
+// beside it. A tree whose central directory spans several chunks is no write failure.
+TEST_F(Directories, GetDirectoryReplacesTheTargetOnlyOnceTheTreeArrivedWhole) {
+    enum End { Complete, Abort, Refuse, Lose, Signal, Declined, Damaged, Large };
+    struct Case {
+        std::string name;
+        bool existing;
+        End end;
+        int how = 0;  // the refusal's kind, the signal
+        bool data = true;
+    } cases[] = {
+        {"fresh", false, Complete},          {"aborted", false, Abort, 0, false}, {"declined", true, Declined},
+        {"replaced", true, Complete},        {"abort-first", true, Abort, 0, false}, {"abort-later", true, Abort},
+        {"refused", true, Refuse, 16},       {"lost", true, Lose},               {"interrupted", true, Signal, SIGINT},
+        {"hung-up", false, Signal, SIGHUP},  {"damaged", true, Damaged},          {"large", false, Large},
+    };
+    const Bytes damaged = archivetest::buildArchive({{"good.txt", "fine", 8, {}, false, false, {}}, {"bad.txt", "data", 8, {}, false, false, 1}});
+    fs::create_directories(dir / "many");
+    for (int i = 0; i < 3000; ++i) testsupport::writeFile(dir / "many" / ("file-" + std::to_string(i)), "x");
+    loopback::PackResult many;
+    ASSERT_TRUE(loopback::packDirectory(dir / "many", loopback::ZipMethod::Deflate, many, nullptr));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const fs::path parent = dir / ("in-" + c.name);
+        fs::create_directories(parent);
+        const std::string local = (parent / "tree").string();
+        if (c.existing) {
+            fs::create_directories(parent / "tree" / "sub");
+            testsupport::writeFile(parent / "tree" / "sub" / "old.txt", "old");
         }
-        const auto announce = side.nextReply();
-        ASSERT_TRUE(announce);
-        EXPECT_EQ(fieldsOf(*announce), Fields(2, 6, 0, 10, 0, "Desktop/project", local));
-        EXPECT_TRUE(fs::is_directory(local));
-        if (end == 8) side.push(echo(*announce, 4), archive);
-        ASSERT_TRUE(side.send(echo(*announce, end)));
-        if (end == 8) expectStatus(side, 1, false, "");  // the directory path comes from a kind 0 only
-        expectEnd(side.finish(), end == 8 ? "File Transfer completed.\n" : "File Transfer aborted by remote.\n");
-        EXPECT_EQ(fs::exists(local), end == 8);
-        if (end == 8) expectSourceTree(local);
+        const auto before = archivetest::imageOf(local);
+        FarSide side;
+        ASSERT_TRUE(side.start({"-getd", "Desktop/project", local}, c.end == Declined ? "n" : "y"));
+        const std::string question = c.existing ? "Local Directory " + local + " exists, overwrite it [y/n]?" : "";
+        testsupport::RunResult result;
+        std::string tail = "File Transfer completed.\n";
+        if (c.end == Declined) {
+            EXPECT_TRUE(side.quiet());
+            result = side.finish();
+            tail = "File Transfer abort.\n";
+        } else {
+            const auto announce = side.nextReply();
+            ASSERT_TRUE(announce);
+            EXPECT_EQ(fieldsOf(*announce), Fields(2, 6, 0, 10, 0, "Desktop/project", local));
+            EXPECT_FALSE(fs::exists(local) && !c.existing) << "nothing under the target's name before arrival";
+            if (c.data) side.push(echo(*announce, 4), c.end == Damaged ? damaged : c.end == Large ? many.bytes : archive);
+            switch (c.end) {
+                case Abort: side.send(echo(*announce, 7)), tail = "File Transfer aborted by remote.\n"; break;
+                case Refuse:
+                    side.send(Event{2, 6, 0, static_cast<std::uint8_t>(c.how), 0, {}, {}, {}});
+                    tail = "Failed, because the session is suspended. Please resume the session and try again.\n";
+                    break;
+                case Signal: side.signal(c.how); break;
+                case Lose: break;
+                default:
+                    side.send(echo(*announce, 8));
+                    // The directory path comes from a kind 0 only.
+                    expectStatus(side, 1, c.end == Damaged, "");
+                    break;
+            }
+            result = c.end == Lose ? side.close() : side.finish();
+        }
+        if (c.end == Signal) EXPECT_EQ(result.signal, c.how);
+        else if (c.end != Lose) expectEnd(result, tail);
+        else EXPECT_EQ(result.exitCode, 0);
+        EXPECT_TRUE(contains(result.err, "Version 12.5\n\n" + question)) << result.err;
+        EXPECT_EQ(contains(result.err, "Unable to write to local " + local + ": "), c.end == Damaged) << result.err;
+        const bool arrived = c.end == Complete || c.end == Large;
+        EXPECT_EQ(testsupport::namesIn(parent), arrived || c.existing ? std::vector<std::string>{"tree"}
+                                                                      : std::vector<std::string>{})
+            << "no temporary is left behind";
+        if (c.end == Large) {
+            EXPECT_EQ(archivetest::imageOf(local), archivetest::imageOf(dir / "many"));
+        } else if (arrived) {
+            expectSourceTree(local);
+        } else if (c.existing) {
+            EXPECT_EQ(archivetest::imageOf(local), before);
+        }
     }
 }
 
@@ -169,10 +237,10 @@ TEST_F(Directories, SessionFetchOfADirectory) {
     const Reply opened = far.ask(start, 3);
     EXPECT_EQ(fieldsOf(opened), Fields(1, 6, 0, 3, 0, "desk", local));
     expectSourceTree(far.pull(opened));
-    // Completion of any directory transfer is answered with a status of request kind 1. No
-    // unpack stream exists in this session, which counts as a failed unpacking.
+    // Completion of any directory transfer is answered with a status of request kind 1; a
+    // directory sent from here is a success.
     send(8, local, 1);
-    expectStatus(far, 1, true, "");
+    expectStatus(far, 1, false, "");
     // A missing directory is a failed status of request kind 0.
     start.nameB = (dir / "missing").string();
     ASSERT_TRUE(far.send(start));

@@ -54,6 +54,7 @@ bool FarSide::start(std::vector<std::string> args, std::optional<std::string> in
     options.args.insert(options.args.end(), args.begin(), args.end());
     options.input = std::move(input);
     options.workingDirectory = workingDirectory_;
+    options.fileSizeLimit = fileSizeLimit_;
     options.env = quietEnvironment();
     for (auto& [k, v] : env) options.env[k] = v;
     process_ = std::make_unique<testsupport::RunningProcess>(testsupport::varoftBinary(), options);

@@ -64,6 +64,8 @@ public:
     // background while the test plays the far side. Waits for the connection.
     bool start(std::vector<std::string> args, std::optional<std::string> input = {}, Env env = {});
     void setWorkingDirectory(std::string dir) { workingDirectory_ = std::move(dir); }
+    void setFileSizeLimit(long bytes) { fileSizeLimit_ = bytes; }
+    void signal(int number) { process_->signal(number); }
     // Waits for varoft to end.
     testsupport::RunResult finish(std::chrono::milliseconds timeout = 20000ms);
     // Ends a session the way the proxy does, by closing the connection, and waits.
@@ -96,6 +98,7 @@ private:
     std::unique_ptr<loopback::XServer> server_;
     std::string error_;
     std::string workingDirectory_;
+    long fileSizeLimit_ = 0;
     std::unique_ptr<testsupport::RunningProcess> process_;
     std::future<testsupport::RunResult> outcome_;
 };

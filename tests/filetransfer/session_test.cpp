@@ -105,12 +105,13 @@ TEST_F(Session, AbortEndsTheTransfer) {
     EXPECT_EQ(far.close().exitCode, 0);
 }
 
-// An existing file is replaced on kind 2 only; a new one opens at once. A finished transfer
-// no longer takes data.
+// An existing file is replaced on kind 2 only, and only when the new one arrived whole (an
+// abort after the data leaves the old one); a new one opens at once. A finished transfer no
+// longer takes data, and nothing is left beside the files.
 TEST_F(Session, StoreWithAndWithoutAnExistingFile) {
     begin();
-    for (const bool existing : {true, false}) {
-        SCOPED_TRACE(existing);
+    for (const auto& [existing, abort] : {std::pair{true, true}, std::pair{true, false}, std::pair{false, false}}) {
+        SCOPED_TRACE(testing::Message() << existing << abort);
         const std::string file = (dir / (existing ? "old" : "new")).string();
         if (existing) {
             testsupport::writeFile(file, "old");
@@ -123,11 +124,13 @@ TEST_F(Session, StoreWithAndWithoutAnExistingFile) {
         Event chunk = event(2, 1, 4, file);
         chunk.size = content.size();
         far.push(chunk, content);
-        far.send(event(2, 1, 8, file));
+        EXPECT_EQ(testsupport::readFile(file), existing ? "old" : "");
+        far.send(event(2, 1, abort ? 7 : 8, file));
         EXPECT_TRUE(far.quiet());
-        EXPECT_EQ(bytesOf(testsupport::readFile(file)), content);
+        EXPECT_EQ(bytesOf(testsupport::readFile(file)), abort ? bytesOf("old") : content);
         far.ask(event(2, 1, 4, file), 6);
     }
+    EXPECT_EQ(testsupport::namesIn(dir.path()), (std::vector<std::string>{"new", "old"}));
     EXPECT_EQ(far.close().exitCode, 0);
 }
 

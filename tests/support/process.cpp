@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -56,6 +57,11 @@ RunningProcess::RunningProcess(const std::string& program, const RunOptions& opt
         }
         ::dup2(out[1], 1);
         ::dup2(err[1], 2);
+        if (options.fileSizeLimit > 0) {
+            const rlimit limit{static_cast<rlim_t>(options.fileSizeLimit), static_cast<rlim_t>(options.fileSizeLimit)};
+            ::setrlimit(RLIMIT_FSIZE, &limit);
+            ::signal(SIGXFSZ, SIG_IGN);
+        }
         if (!options.workingDirectory.empty() && ::chdir(options.workingDirectory.c_str()) != 0) ::_exit(127);
         ::execve(program.c_str(), argv.data(), envp.data());
         ::_exit(127);
@@ -85,8 +91,10 @@ RunningProcess::~RunningProcess() {
     }
 }
 
-void RunningProcess::kill() {
-    if (pid_ > 0 && !done_) ::kill(pid_, SIGKILL);
+void RunningProcess::kill() { signal(SIGKILL); }
+
+void RunningProcess::signal(int number) {
+    if (pid_ > 0 && !done_) ::kill(pid_, number);
 }
 
 RunResult RunningProcess::wait(std::chrono::milliseconds timeout) {

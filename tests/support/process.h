@@ -17,6 +17,7 @@ struct RunOptions {
     std::optional<std::string> input;                      // standard input; nullopt: /dev/null
     std::string workingDirectory;                          // empty: inherit
     std::chrono::milliseconds timeout{20000};
+    long fileSizeLimit = 0;                                // > 0: RLIMIT_FSIZE, writes past it fail (EFBIG)
 };
 
 struct RunResult {
@@ -41,6 +42,7 @@ public:
     // Waits for the end (killing the child after the timeout) and returns its outcome.
     RunResult wait(std::chrono::milliseconds timeout = std::chrono::milliseconds(20000));
     void kill();
+    void signal(int number);
 
 private:
     int pid_ = -1;

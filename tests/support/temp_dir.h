@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace testsupport {
 
@@ -24,5 +25,7 @@ private:
 
 void writeFile(const std::filesystem::path& path, std::string_view content);
 std::string readFile(const std::filesystem::path& path);
+// The names in a directory (hidden ones included), sorted.
+std::vector<std::string> namesIn(const std::filesystem::path& directory);
 
 }  // namespace testsupport
