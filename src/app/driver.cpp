@@ -10,9 +10,13 @@
 #include "app/log.h"
 #include "app/state.h"
 #include "filetransfer/session.h"
+#include "platform/platform.h"
 #include "print/print_loop.h"
 
 namespace {
+
+// The longest local path the protocol's 1024-byte fields hold.
+constexpr std::size_t kLocalPathMax = 1023;
 
 constexpr const char* kUsage =
     "Usage:  varoft [OPTION]\n\nOptions:\n"
@@ -100,6 +104,12 @@ int runTransferMode(int argc, char** argv, const std::string& program) {
     std::int32_t verbosity = 1;
     if (!parseTransferOptions(argc, argv, &display, &verbosity)) return commandLineError(program, verbosity);
     printStartup(program, verbosity, display);
+    // The far side's names are cut to 1023 bytes; a cut local path could name an unrelated
+    // sibling, so a longer one is never acted on.
+    if (RunMode != RunModeNone && LocalPath.size() > kLocalPathMax) {
+        logPrint(1, "%s: File name too long\n", LocalPath.c_str());
+        return 0;
+    }
 
     Connection connection(display);
     if (!connection.handle) return 1;
@@ -131,6 +141,7 @@ int runMain(int argc, char** argv) {
         argc = 0;
         argv = none;
     }
+    platform::installTerminationHandling();
     const std::string program = programBaseName(argc > 0 ? argv[0] : nullptr);
     bool printMode = false;
     for (int i = 1; i < argc && !printMode; ++i) printMode = argv[i] && std::strcmp(argv[i], "-print") == 0;

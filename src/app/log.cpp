@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <string>
 
 #include "app/state.h"
 #include "platform/platform.h"
@@ -9,14 +10,22 @@
 void logPrint(int level, const char* format, ...) {
     if (level > Verbosity) return;
     if (!LogFilePath.empty()) {
-        // Opened and closed for every line, so each message is on disk when this returns.
-        if (std::FILE* file = std::fopen(LogFilePath.c_str(), "a+")) {
-            std::va_list args;
-            va_start(args, format);
-            std::vfprintf(file, format, args);
-            va_end(args);
-            std::fclose(file);
+        // Opened and closed for every line, so each message is on disk when this returns. The
+        // file is never reached through a link, and only a regular file of this user's is
+        // written; otherwise the line goes to standard error alone.
+        std::va_list args;
+        va_start(args, format);
+        std::va_list copy;
+        va_copy(copy, args);
+        const int length = std::vsnprintf(nullptr, 0, format, copy);
+        va_end(copy);
+        if (length >= 0) {
+            std::string text(static_cast<std::size_t>(length) + 1, '\0');
+            std::vsnprintf(text.data(), text.size(), format, args);
+            text.resize(static_cast<std::size_t>(length));
+            platform::appendToLogFile(LogFilePath, text);
         }
+        va_end(args);
     }
     std::va_list args;
     va_start(args, format);
@@ -26,5 +35,5 @@ void logPrint(int level, const char* format, ...) {
 
 void enableLogFile() {
     LogFilePath = kLogFileLocation;
-    platform::removeFile(LogFilePath);
+    platform::removeFile(LogFilePath);  // unlink: a link planted under the name goes, never its target
 }

@@ -126,15 +126,57 @@ TEST(Driver, DetailLevelsEchoTheCommandLine) {
                          "\n1 files to print:\n\t" + file + "\nCould not connect to display: " + kDeadDisplay + "\n");
 }
 
+// Whatever was planted under the log's name (a file, a symbolic or hard link to a file of
+// someone's) is removed, never written through: the log is a new file of this user's, mode 0600.
 TEST(Driver, LogFileReceivesExactlyTheShownLines) {
-    const std::filesystem::path log = "/tmp/varoft.log";
-    testsupport::writeFile(log, "left over from an earlier run\n");
-    RunResult r = varoft({"-l", "-v", "-d", kDeadDisplay});
-    EXPECT_EQ(r.exitCode, 1);
-    EXPECT_EQ(testsupport::readFile(log), r.err) << "the old file is removed, then every shown line appended";
-
-    r = varoft({"-l", "-d", kDeadDisplay, "-q"});
+    namespace fs = std::filesystem;
+    const fs::path log = "/tmp/varoft.log";
+    testsupport::TempDir dir;
+    const fs::path victim = dir / "victim";
+    for (const std::string plant : {"file", "symlink", "hardlink"}) {
+        SCOPED_TRACE(plant);
+        fs::remove(log);
+        testsupport::writeFile(victim, "not the log's\n");
+        if (plant == "file") testsupport::writeFile(log, "left over from an earlier run\n");
+        else if (plant == "symlink") fs::create_symlink(victim, log);
+        else fs::create_hard_link(victim, log);
+        RunResult r = varoft({"-l", "-v", "-d", kDeadDisplay});
+        EXPECT_EQ(r.exitCode, 1);
+        EXPECT_EQ(testsupport::readFile(victim), "not the log's\n");
+        ASSERT_TRUE(fs::is_regular_file(fs::symlink_status(log)));
+        EXPECT_EQ(fs::status(log).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+        EXPECT_EQ(testsupport::readFile(log), r.err) << "the old file is removed, then every shown line appended";
+    }
+    const RunResult r = varoft({"-l", "-d", kDeadDisplay, "-q"});
     EXPECT_FALSE(std::filesystem::exists(log)) << "nothing shown, nothing written";
+}
+
+// A local path longer than the protocol's 1023-byte fields is refused before connecting: a cut
+// path could name an unrelated sibling. Nothing is created, truncated or removed.
+TEST(Driver, LocalPathsTooLongForTheProtocolAreRefused) {
+    namespace fs = std::filesystem;
+    testsupport::TempDir dir;
+    std::string cut = dir.str();
+    while (cut.size() < 1023) cut += "/" + std::string(std::min<std::size_t>(200, 1023 - cut.size() - 1), 'd');
+    ASSERT_EQ(cut.size(), 1023u);
+    const std::string longer = cut + "-sibling";
+    for (const std::string& path : {cut, longer}) {
+        fs::create_directories(path);
+        testsupport::writeFile(path + "/keep.txt", "keep");
+    }
+    for (const auto& args : {std::vector<std::string>{"-getd", "remote", longer}, {"-get", "remote", longer + "/keep.txt"},
+                             {"-put", longer + "/keep.txt"}}) {
+        SCOPED_TRACE(args[0]);
+        std::vector<std::string> line = args;
+        line.insert(line.end(), {"-d", kDeadDisplay});
+        RunOptions options;
+        options.args = line;
+        options.input = "y";
+        const RunResult r = testsupport::run(testsupport::varoftBinary(), options);
+        EXPECT_EQ(r.exitCode, 0);
+        EXPECT_EQ(r.err, kBanner + args.back() + ": File name too long\n");
+        for (const std::string& path : {cut, longer}) EXPECT_EQ(testsupport::readFile(path + "/keep.txt"), "keep");
+    }
 }
 
 // A real X server that has neither vendor extension answers the lookup with "not present". Only

@@ -143,6 +143,28 @@ TEST(FileTransferCommandLine, GetReplacesTheTargetOnlyOnceTheFileArrivedWhole) {
     }
 }
 
+// A link planted under the log's name while the run is under way is never written through:
+// the lines after it go to standard error only.
+TEST(FileTransferCommandLine, LogLinkPlantedDuringTheRunIsNotFollowed) {
+    const fs::path log = "/tmp/varoft.log";
+    FarSide far;
+    FAR_SIDE_OR_SKIP(far);
+    testsupport::TempDir dir;
+    testsupport::writeFile(dir / "victim", "mine");
+    const std::string local = (dir / "received.bin").string();
+    ASSERT_TRUE(far.start({"-l", "-v", "-get", "remote.bin", local}));
+    const auto announce = far.nextReply();
+    ASSERT_TRUE(announce);
+    fs::remove(log);
+    fs::create_symlink(dir / "victim", log);
+    far.push(echo(*announce, 4), bytesOf("data"));
+    ASSERT_TRUE(far.send(echo(*announce, 8)));
+    expectEnd(far.finish(), "File Transfer completed.\n");
+    EXPECT_EQ(testsupport::readFile(dir / "victim"), "mine");
+    EXPECT_TRUE(fs::is_symlink(log));
+    fs::remove(log);
+}
+
 TEST(FileTransferCommandLine, SessionEndAndRefusalsEndTheRun) {
     const std::pair<std::uint8_t, std::string> cases[] = {
         {13, "File Transfer session was closed.\n"},
