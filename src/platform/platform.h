@@ -184,6 +184,17 @@ private:
     int fd_ = -1;
 };
 
+// The error codes for failures that no system call reports, so that their text describes them.
+enum class Failure : std::uint8_t {
+    DamagedData,      // a check sum or the layout of received data is wrong ("Bad message")
+    Unsupported,      // a method or feature this program does not have
+    NotPermitted,     // a name that would reach outside the place it must stay in
+    OutOfMemory,      // more memory than allowed or available
+    InvalidArgument,  // a request that makes no sense
+    NotADirectory,    // also what openBeneath reports for a name held by a non-directory
+};
+int failureCode(Failure failure);
+
 // Splits `path` at its last separator, dropping trailing separators first: "a/b/" -> "a", "b";
 // "name" -> ".", "name"; "/name" -> "/", "name". The last part is empty for the root.
 void splitLastComponent(const std::string& path, std::string& parent, std::string& last);

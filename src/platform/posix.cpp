@@ -502,6 +502,18 @@ bool File::createNewAt(const DirectoryHandle& directory, const std::string& name
     return false;
 }
 
+int failureCode(Failure failure) {
+    switch (failure) {
+        case Failure::DamagedData: return EBADMSG;
+        case Failure::Unsupported: return EOPNOTSUPP;
+        case Failure::NotPermitted: return EPERM;
+        case Failure::OutOfMemory: return ENOMEM;
+        case Failure::NotADirectory: return ENOTDIR;
+        case Failure::InvalidArgument: break;
+    }
+    return EINVAL;
+}
+
 void splitLastComponent(const std::string& path, std::string& parent, std::string& last) {
     const std::size_t keep = path.find_last_not_of('/');
     if (keep == std::string::npos) {
