@@ -63,12 +63,13 @@ if packed is not None:
 PY
 ) >/dev/null
 
-# Each archive twice: written whole (mode 0) and in random chunks (mode 3).
+# Each archive twice: written whole (mode 0) into a target with files in the way of its entries,
+# and in random chunks (mode 3) with links to a directory outside in the way as well.
 for f in "$work"/*.zip; do
   [ -e "$f" ] || continue
   base=$(basename "$f" .zip)
   { printf '\000\001\002\003\004'; cat "$f"; } > "$seeds/$base-whole"
-  { printf '\003\021\042\063\104'; cat "$f"; } > "$seeds/$base-chunked"
+  { printf '\003\023\042\063\104'; cat "$f"; } > "$seeds/$base-chunked"
 done
 
 echo "fuzz: $(ls "$seeds" | wc -l) seeds, ${seconds}s"
