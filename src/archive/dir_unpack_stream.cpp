@@ -100,8 +100,6 @@ struct UnpackStream {
     UnpackProgressCallback progress = nullptr;
     bool receivedBytes = false;     // a non-empty chunk arrived since open
     std::int64_t droppedBytes = 0;  // bytes after the central directory, counted, not kept
-    std::string parentName;         // the directory `parent` holds, relative to the target
-    platform::DirectoryHandle parent;
     std::vector<std::uint8_t> extraBytes;
     std::array<std::uint8_t, kOutputBlockSize> outputBlock;
 };
@@ -289,16 +287,13 @@ bool openDirectory(UnpackStream* s, const std::string& relative, platform::Direc
 }
 
 // Creates the entry's file new, in its parent directory below the target (made when missing,
-// as many writers leave parent entries out). The parent is held open for the entries after it.
+// as many writers leave parent entries out). The parent is looked up afresh for every entry,
+// so a directory moved out of the target meanwhile is not written into.
 bool createEntryFile(UnpackStream* s, const std::string& resolved) {
     const std::size_t slash = resolved.rfind('/');
-    const std::string parentName = slash == std::string::npos ? std::string() : resolved.substr(0, slash);
-    if (!s->parent.isOpen() || parentName != s->parentName) {
-        s->parentName.clear();
-        if (!openDirectory(s, parentName, s->parent)) return false;
-        s->parentName = parentName;
-    }
-    return s->file.createNewAt(s->parent, resolved.substr(slash == std::string::npos ? 0 : slash + 1));
+    platform::DirectoryHandle parent;
+    if (!openDirectory(s, slash == std::string::npos ? std::string() : resolved.substr(0, slash), parent)) return false;
+    return s->file.createNewAt(parent, resolved.substr(slash == std::string::npos ? 0 : slash + 1));
 }
 
 Step expectHeader(UnpackStream* s) {
@@ -546,8 +541,6 @@ std::int32_t unpackOpen(void* stream, const char* path, std::int32_t mode) {
     s->entry = LocalEntry{};
     s->receivedBytes = false;
     s->droppedBytes = 0;
-    s->parent.close();
-    s->parentName.clear();
     if (s->pending) s->pending->length = 0;
     s->pendingPosition = 0;
 
@@ -629,8 +622,6 @@ std::int32_t unpackClose(void* stream) {
     if (s->receivedBytes && s->state != kEnd) failDamaged(s, MZ_FORMAT_ERROR);
     s->basePath.clear();
     s->basePath.shrink_to_fit();
-    s->parent.close();
-    s->parentName.clear();
     s->target.close();
     s->extraField.reset();
     s->inflater.reset();
