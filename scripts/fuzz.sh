@@ -76,6 +76,9 @@ echo "fuzz: $(ls "$seeds" | wc -l) seeds, ${seconds}s"
 # The target directory lives in memory when it can: the runs create and remove many files.
 scratch=/tmp
 [ -d /dev/shm ] && [ -w /dev/shm ] && scratch=/dev/shm
+# The fuzzer ends without running its own clean-up: its scratch directory goes with the run's.
+scratch=$(mktemp -d "$scratch/varoft-fuzz-run.XXXXXX")
+trap 'rm -rf "$work" "$scratch"' EXIT
 # Each run may allocate (and free) a zstd window of megabytes; a smaller quarantine keeps the
 # sanitizer's memory, and the speed, in check.
 export ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}quarantine_size_mb=16"
