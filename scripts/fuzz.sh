@@ -63,18 +63,22 @@ if packed is not None:
 PY
 ) >/dev/null
 
-# Each archive twice: written whole (mode 0) and in random chunks (mode 3).
+# Each archive twice: written whole (mode 0) into a target with files in the way of its entries,
+# and in random chunks (mode 3) with links to a directory outside in the way as well.
 for f in "$work"/*.zip; do
   [ -e "$f" ] || continue
   base=$(basename "$f" .zip)
   { printf '\000\001\002\003\004'; cat "$f"; } > "$seeds/$base-whole"
-  { printf '\003\021\042\063\104'; cat "$f"; } > "$seeds/$base-chunked"
+  { printf '\003\023\042\063\104'; cat "$f"; } > "$seeds/$base-chunked"
 done
 
 echo "fuzz: $(ls "$seeds" | wc -l) seeds, ${seconds}s"
 # The target directory lives in memory when it can: the runs create and remove many files.
 scratch=/tmp
 [ -d /dev/shm ] && [ -w /dev/shm ] && scratch=/dev/shm
+# The fuzzer ends without running its own clean-up: its scratch directory goes with the run's.
+scratch=$(mktemp -d "$scratch/varoft-fuzz-run.XXXXXX")
+trap 'rm -rf "$work" "$scratch"' EXIT
 # Each run may allocate (and free) a zstd window of megabytes; a smaller quarantine keeps the
 # sanitizer's memory, and the speed, in check.
 export ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}quarantine_size_mb=16"

@@ -14,6 +14,7 @@
 #include "archive/byte_buffer.h"
 #include "archive/mz_stream.h"
 #include "archive/mz_strm_os.h"
+#include "common/bytes.h"
 #include "platform/platform.h"
 
 namespace {
@@ -35,6 +36,9 @@ struct DirFrame {
     platform::DirectoryReader reader;
     std::string path;
 };
+
+// Which header records the writer's output holds while it is being patched.
+enum class Patching : std::uint8_t { None, LocalHeader, CentralHeaders };
 
 struct PackStream {
     mz_stream header;
@@ -60,6 +64,8 @@ struct PackStream {
     PackProgressCallback progress = nullptr;
     std::unique_ptr<archive_entry, EntryDeleter> entry;
     std::unique_ptr<std::uint8_t[]> fileBuffer;
+    Patching patching = Patching::None;
+    std::vector<std::uint8_t> record;  // a header record gathered until it is whole
 };
 
 PackStream* self(void* stream) { return static_cast<PackStream*>(stream); }
@@ -68,11 +74,118 @@ void fail(PackStream* s, std::int32_t code) {
     if (s->error == 0) s->error = code;
 }
 
+// ---- the name flag -------------------------------------------------------------------------
+//
+// Every entry whose name is valid UTF-8 carries the UTF-8 name flag, plain ASCII included; a
+// name that is not (POSIX names are any bytes) keeps its bytes with the flag clear, so strict
+// readers take it as code page 437 instead of rejecting the archive. The zip writer sets the
+// flag by its own rule (for every name that is not plain ASCII, valid or not), and none of its
+// options or pathname forms changes that. So the header records it writes, local headers in
+// archive_write_header and central-directory headers in archive_write_close, are gathered here
+// whole and get the flag by the name they hold before they go on; everything else passes as it
+// comes. The flag is in no check sum.
+
+constexpr std::uint16_t kUtf8NameFlag = 0x0800;
+constexpr std::uint32_t kLocalHeaderSignature = 0x04034b50;
+constexpr std::uint32_t kCentralHeaderSignature = 0x02014b50;
+
+bool isValidUtf8(std::span<const std::uint8_t> text) {
+    std::size_t i = 0;
+    while (i < text.size()) {
+        const std::uint8_t lead = text[i];
+        if (lead < 0x80) {
+            ++i;
+            continue;
+        }
+        std::size_t length;
+        std::uint32_t code;
+        if ((lead & 0xE0) == 0xC0) {
+            length = 2, code = lead & 0x1Fu;
+        } else if ((lead & 0xF0) == 0xE0) {
+            length = 3, code = lead & 0x0Fu;
+        } else if ((lead & 0xF8) == 0xF0) {
+            length = 4, code = lead & 0x07u;
+        } else {
+            return false;
+        }
+        if (text.size() - i < length) return false;
+        for (std::size_t k = 1; k < length; ++k) {
+            if ((text[i + k] & 0xC0) != 0x80) return false;
+            code = code << 6 | (text[i + k] & 0x3Fu);
+        }
+        // No overlong forms, no surrogates, nothing beyond U+10FFFF.
+        constexpr std::uint32_t kShortest[] = {0, 0, 0x80, 0x800, 0x10000};
+        if (code < kShortest[length] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return false;
+        i += length;
+    }
+    return true;
+}
+
+std::int32_t forward(PackStream* s, std::span<const std::uint8_t> bytes) {
+    if (bytes.empty()) return MZ_OK;
+    const std::int32_t rc = mz_stream_write(s, bytes.data(), static_cast<std::int32_t>(bytes.size()));
+    return rc < 0 ? rc : MZ_OK;
+}
+
+// Sends on what was gathered as it is and stops patching.
+std::int32_t stopPatching(PackStream* s) {
+    s->patching = Patching::None;
+    const std::int32_t rc = forward(s, s->record);
+    s->record.clear();
+    return rc;
+}
+
+// Gathers header bytes; each whole record goes on with its flag set by its name.
+std::int32_t patchHeaders(PackStream* s, std::span<const std::uint8_t> bytes) {
+    const bool local = s->patching == Patching::LocalHeader;
+    const std::size_t fixed = local ? 30 : 46;
+    while (!bytes.empty() && s->patching != Patching::None) {
+        std::size_t whole = s->record.size() < 4 ? 4 : fixed;
+        if (s->record.size() >= fixed) {
+            const std::size_t at = local ? 26 : 28;
+            whole += bytes::get16(s->record, at) + std::size_t{bytes::get16(s->record, at + 2)};
+            if (!local) whole += bytes::get16(s->record, 32);
+        }
+        const std::size_t take = std::min(bytes.size(), whole - s->record.size());
+        s->record.insert(s->record.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(take));
+        bytes = bytes.subspan(take);
+        if (s->record.size() < whole) continue;
+        if (whole == 4) {
+            // Anything but the expected header (the end records after the central directory).
+            if (bytes::get32(s->record, 0) != (local ? kLocalHeaderSignature : kCentralHeaderSignature)) {
+                if (const std::int32_t rc = stopPatching(s); rc != MZ_OK) return rc;
+            }
+            continue;
+        }
+        if (whole == fixed) continue;  // the lengths are known now
+        const std::size_t flagAt = local ? 6 : 8;
+        const std::uint16_t nameLength = bytes::get16(s->record, local ? 26 : 28);
+        std::uint16_t flag = bytes::get16(s->record, flagAt);
+        flag = isValidUtf8(std::span(s->record).subspan(fixed, nameLength)) ? flag | kUtf8NameFlag
+                                                                             : flag & ~kUtf8NameFlag;
+        s->record[flagAt] = static_cast<std::uint8_t>(flag);
+        s->record[flagAt + 1] = static_cast<std::uint8_t>(flag >> 8);
+        if (const std::int32_t rc = forward(s, s->record); rc != MZ_OK) return rc;
+        s->record.clear();
+        if (local) s->patching = Patching::None;  // one local header per entry
+    }
+    return forward(s, bytes);
+}
+
 la_ssize_t writerOutput(archive* /*a*/, void* client, const void* buffer, size_t length) {
     PackStream* s = self(client);
     if (s->discard) return static_cast<la_ssize_t>(length);
-    const std::int32_t rc = mz_stream_write(s, buffer, static_cast<std::int32_t>(length));
-    return rc < 0 ? ARCHIVE_FATAL : rc;
+    const std::span<const std::uint8_t> bytes(static_cast<const std::uint8_t*>(buffer), length);
+    const std::int32_t rc = s->patching == Patching::None ? forward(s, bytes) : patchHeaders(s, bytes);
+    return rc < 0 ? ARCHIVE_FATAL : static_cast<la_ssize_t>(length);
+}
+
+// Writes an entry's header with its name flag put right.
+int writeHeader(PackStream* s, archive_entry* e) {
+    s->patching = Patching::LocalHeader;
+    const int rc = archive_write_header(s->writer.get(), e);
+    if (stopPatching(s) != MZ_OK) return ARCHIVE_FATAL;
+    return rc;
 }
 
 // Fills the entry record shared by directories and files.
@@ -128,7 +241,7 @@ void addDirectory(PackStream* s, const std::string& fullPath, const platform::St
         return;
     }
     archive_write_zip_set_compression_store(s->writer.get());
-    if (archive_write_header(s->writer.get(), e) >= ARCHIVE_WARN) archive_write_finish_entry(s->writer.get());
+    if (writeHeader(s, e) >= ARCHIVE_WARN) archive_write_finish_entry(s->writer.get());
     DirFrame child;
     if (!child.reader.open(fullPath)) return;  // listed as an entry, not descended into
     child.path = fullPath + '/';
@@ -159,7 +272,7 @@ void addFile(PackStream* s, const std::string& fullPath, const platform::Status&
     } else {
         archive_write_zip_set_compression_deflate(s->writer.get());
     }
-    if (archive_write_header(s->writer.get(), e) < ARCHIVE_WARN) {
+    if (writeHeader(s, e) < ARCHIVE_WARN) {
         mz_stream_close(s->file.get());
         s->file.reset();
         return;
@@ -197,7 +310,8 @@ void leaveDirectory(PackStream* s) {
     s->current.reader.close();
     s->current.path.clear();
     if (s->stack.empty()) {
-        if (archive_write_close(s->writer.get()) != ARCHIVE_OK) fail(s, MZ_WRITE_ERROR);
+        s->patching = Patching::CentralHeaders;
+        if (archive_write_close(s->writer.get()) != ARCHIVE_OK || stopPatching(s) != MZ_OK) fail(s, MZ_WRITE_ERROR);
         s->writerClosed = true;
         return;
     }

@@ -2,6 +2,7 @@
 
 #include <zlib.h>
 #include <zstd.h>
+#include <zstd_errors.h>
 
 #include <algorithm>
 #include <array>
@@ -17,7 +18,6 @@
 #include "archive/mz_os.h"
 #include "archive/mz_stream.h"
 #include "archive/mz_strm_mem.h"
-#include "archive/mz_strm_os.h"
 #include "common/bytes.h"
 #include "platform/platform.h"
 
@@ -81,14 +81,15 @@ struct UnpackStream {
     mz_stream header;
     std::unique_ptr<z_stream, InflateDeleter> inflater;
     std::unique_ptr<ZSTD_DCtx, ZstdDeleter> zstd;
-    MzStreamPtr file;
+    platform::File file;  // the output file of the current entry
     std::string basePath;
-    std::string outputPath;
+    platform::DirectoryHandle target;  // every name is resolved below it
     LocalEntry entry;
     MzStreamPtr extraField;
     std::uint32_t crc = 0;
     std::int64_t written = 0;
     std::int32_t error = 0;
+    int systemError = 0;  // the platform's error code of the sticky error, for its text
     std::int32_t state = kExpectHeader;
     const std::uint8_t* input = nullptr;
     std::int64_t inputLength = 0;
@@ -97,8 +98,8 @@ struct UnpackStream {
     std::int64_t pendingPosition = 0;
     void* progressUser = nullptr;
     UnpackProgressCallback progress = nullptr;
-    bool receivedBytes = false;  // a non-empty chunk arrived since open
-    std::string checkedParent;   // the last parent directory known to be real and present
+    bool receivedBytes = false;     // a non-empty chunk arrived since open
+    std::int64_t droppedBytes = 0;  // bytes after the central directory, counted, not kept
     std::vector<std::uint8_t> extraBytes;
     std::array<std::uint8_t, kOutputBlockSize> outputBlock;
 };
@@ -108,10 +109,20 @@ UnpackStream* self(void* stream) { return static_cast<UnpackStream*>(stream); }
 // What a state step tells the loop.
 enum class Step { Continue, NeedInput, Complete };
 
-std::int32_t fail(UnpackStream* s, std::int32_t code) {
-    if (s->error == 0) s->error = code;
+// Keeps the first failure with the platform's error code that describes it: the error of the
+// system call that failed, or one chosen for a failure no system call reported.
+std::int32_t fail(UnpackStream* s, std::int32_t code, int systemError) {
+    if (s->error == 0) {
+        s->error = code;
+        s->systemError = systemError;
+    }
     return code;
 }
+std::int32_t fail(UnpackStream* s, std::int32_t code, platform::Failure failure) {
+    return fail(s, code, platform::failureCode(failure));
+}
+std::int32_t failDamaged(UnpackStream* s, std::int32_t code) { return fail(s, code, platform::Failure::DamagedData); }
+std::int32_t failMemory(UnpackStream* s) { return fail(s, MZ_MEM_ERROR, platform::Failure::OutOfMemory); }
 
 // ---- input: the unread pending bytes first, then the rest of the chunk ------------------------
 
@@ -162,20 +173,14 @@ void rewind(UnpackStream* s, Mark m) {
 std::int32_t output(UnpackStream* s, std::span<const std::uint8_t> block) {
     if (block.empty()) return MZ_OK;
     s->crc = static_cast<std::uint32_t>(crc32(s->crc, block.data(), static_cast<uInt>(block.size())));
-    while (!block.empty()) {
-        const std::int32_t n = mz_stream_write(s->file.get(), block.data(), static_cast<std::int32_t>(block.size()));
-        if (n < 0) return fail(s, n);
-        if (n == 0) return fail(s, MZ_WRITE_ERROR);
-        block = block.subspan(static_cast<std::size_t>(n));
-        s->written += n;
-    }
+    if (!s->file.isOpen()) return fail(s, MZ_STREAM_ERROR, platform::Failure::InvalidArgument);
+    if (s->file.write(block) < 0) return fail(s, MZ_WRITE_ERROR, platform::lastError());
+    s->written += static_cast<std::int64_t>(block.size());
     return MZ_OK;
 }
 
 void closeEntryFile(UnpackStream* s) {
-    if (mz_stream_is_open(s->file.get()) != MZ_OK) return;
-    const std::int32_t rc = mz_stream_close(s->file.get());
-    if (rc != MZ_OK) fail(s, rc);
+    if (s->file.isOpen() && !s->file.close()) fail(s, MZ_CLOSE_ERROR, platform::lastError());
 }
 
 // ---- local header ---------------------------------------------------------------------------
@@ -248,11 +253,11 @@ std::int32_t setUpMethod(UnpackStream* s) {
             s->state = kDeflateData;
             if (!s->inflater) {
                 auto* z = new (std::nothrow) z_stream{};
-                if (!z) return fail(s, MZ_MEM_ERROR);
+                if (!z) return failMemory(s);
                 const int rc = inflateInit2(z, -15);
                 if (rc != Z_OK) {
                     delete z;
-                    return fail(s, rc == Z_MEM_ERROR ? MZ_MEM_ERROR : rc);
+                    return rc == Z_MEM_ERROR ? failMemory(s) : fail(s, rc, platform::Failure::InvalidArgument);
                 }
                 s->inflater.reset(z);
             } else {
@@ -263,7 +268,7 @@ std::int32_t setUpMethod(UnpackStream* s) {
             s->state = kZstdData;
             if (!s->zstd) {
                 s->zstd.reset(ZSTD_createDCtx());
-                if (!s->zstd) return fail(s, MZ_MEM_ERROR);
+                if (!s->zstd) return failMemory(s);
                 // A frame may ask for a window of up to 8 MiB (every level but the "ultra" ones);
                 // a larger one fails instead of making the far side's bytes cost us gigabytes.
                 ZSTD_DCtx_setParameter(s->zstd.get(), ZSTD_d_windowLogMax, kZstdWindowLogMax);
@@ -272,8 +277,23 @@ std::int32_t setUpMethod(UnpackStream* s) {
             }
             return MZ_OK;
         default:
-            return fail(s, MZ_SUPPORT_ERROR);
+            return fail(s, MZ_SUPPORT_ERROR, platform::Failure::Unsupported);
     }
+}
+
+// Opens (making what is missing) the directory `relative` below the target.
+bool openDirectory(UnpackStream* s, const std::string& relative, platform::DirectoryHandle& out) {
+    return out.openBeneath(s->target, relative, true);
+}
+
+// Creates the entry's file new, in its parent directory below the target (made when missing,
+// as many writers leave parent entries out). The parent is looked up afresh for every entry,
+// so a directory moved out of the target meanwhile is not written into.
+bool createEntryFile(UnpackStream* s, const std::string& resolved) {
+    const std::size_t slash = resolved.rfind('/');
+    platform::DirectoryHandle parent;
+    if (!openDirectory(s, slash == std::string::npos ? std::string() : resolved.substr(0, slash), parent)) return false;
+    return s->file.createNewAt(parent, resolved.substr(slash == std::string::npos ? 0 : slash + 1));
 }
 
 Step expectHeader(UnpackStream* s) {
@@ -290,11 +310,11 @@ Step expectHeader(UnpackStream* s) {
             s->state = kEnd;
             return Step::Complete;
         }
-        fail(s, MZ_FORMAT_ERROR);
+        failDamaged(s, MZ_FORMAT_ERROR);
         return Step::Continue;
     }
     if (rc == MZ_MEM_ERROR) {
-        fail(s, rc);
+        failMemory(s);
         return Step::Continue;
     }
     if (rc != MZ_OK) {
@@ -304,47 +324,35 @@ Step expectHeader(UnpackStream* s) {
 
     s->crc = 0;
     s->written = 0;
-    s->outputPath.resize(s->basePath.size());
-    const std::string resolved = mz_path_resolve(s->entry.filename);
+    const std::string& name = s->entry.filename;
+    const std::string resolved = mz_path_resolve(name);
     if (resolved.empty()) {
-        fail(s, MZ_INTERNAL_ERROR);
+        // A name that resolves to nothing below the target: "..", "/", "a/..", or none at all.
+        fail(s, MZ_INTERNAL_ERROR, name.empty() ? platform::Failure::DamagedData : platform::Failure::NotPermitted);
         return Step::Continue;
     }
-    s->outputPath += resolved;
 
-    const std::string& name = s->entry.filename;
     const bool directory = mz_zip_attrib_is_dir(s->entry.externalFa, s->entry.versionMadeBy) == MZ_OK ||
                            name.back() == '/' || name.back() == '\\';
     if (directory) {
-        s->checkedParent.clear();
-        const std::int32_t made = mz_dir_make(s->outputPath, s->basePath.size());
-        if (made != MZ_OK) fail(s, made);
+        platform::DirectoryHandle made;
+        if (!openDirectory(s, resolved, made)) {
+            // Something other than a directory that holds one of the names is left alone.
+            const int error = platform::lastError();
+            fail(s, error == platform::failureCode(platform::Failure::NotADirectory) ? MZ_EXIST_ERROR : MZ_INTERNAL_ERROR,
+                 error);
+        }
         return Step::Continue;
     }
 
-    // Writers often leave out the entries of parent directories: make them (inside the target).
-    // The parents must be real directories and the file itself no symbolic link, or a link left
-    // in the target could carry the write outside it.
-    std::int32_t opened = MZ_OK;
-    const std::size_t slash = s->outputPath.rfind('/');
-    if (slash != std::string::npos && slash >= s->basePath.size() &&
-        s->outputPath.compare(0, slash, s->checkedParent) != 0) {
-        s->checkedParent.assign(s->outputPath, 0, slash);
-        if (mz_dir_make(s->checkedParent, s->basePath.size()) != MZ_OK) {
-            s->checkedParent.clear();
-            opened = MZ_OPEN_ERROR;
-        }
-    }
-    platform::Status existing;
-    if (opened == MZ_OK && platform::linkStatus(s->outputPath, existing) &&
-        existing.kind == platform::Kind::Symlink)
-        opened = MZ_OPEN_ERROR;
-    if (opened == MZ_OK)
-        opened = mz_stream_open(s->file.get(), s->outputPath.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE);
+    // Every file is created new, and nothing on its way is a link: whatever held its name
+    // before is never written through.
+    const bool opened = createEntryFile(s, resolved);
+    const int openError = platform::lastError();
     // The method is set up before the open is judged: an entry of an unknown method still leaves
     // its (empty) file behind.
     if (setUpMethod(s) != MZ_OK) return Step::Continue;
-    if (opened != MZ_OK) fail(s, opened);
+    if (!opened) fail(s, MZ_OPEN_ERROR, openError);
     return Step::Continue;
 }
 
@@ -352,7 +360,7 @@ void finishEntry(UnpackStream* s) {
     closeEntryFile(s);
     if (!(s->entry.flag & kFlagDataDescriptor) && s->entry.compressedSize != 0) {
         s->state = kExpectHeader;
-        if (s->entry.crc != s->crc) fail(s, MZ_CRC_ERROR);
+        if (s->entry.crc != s->crc) failDamaged(s, MZ_CRC_ERROR);
     } else {
         s->state = kExpectDescriptor;
     }
@@ -390,7 +398,7 @@ Step deflateData(UnpackStream* s) {
     if (rc == Z_STREAM_END) {
         if (s->written < s->entry.uncompressedSize) {
             // The data ended short of the size its header promised.
-            fail(s, MZ_FORMAT_ERROR);
+            failDamaged(s, MZ_FORMAT_ERROR);
             return Step::Continue;
         }
         closeEntryFile(s);
@@ -402,7 +410,8 @@ Step deflateData(UnpackStream* s) {
     if (rc == Z_BUF_ERROR || (rc == Z_OK && produced == 0 && consumed == 0)) return Step::NeedInput;
     if (rc != Z_OK) {
         if (rc == Z_NEED_DICT) rc = Z_DATA_ERROR;
-        fail(s, rc == Z_MEM_ERROR ? MZ_MEM_ERROR : rc);
+        if (rc == Z_MEM_ERROR) failMemory(s);
+        else failDamaged(s, rc);
     }
     return Step::Continue;
 }
@@ -413,7 +422,14 @@ Step zstdData(UnpackStream* s) {
     ZSTD_outBuffer out{s->outputBlock.data(), s->outputBlock.size(), 0};
     const std::size_t rc = ZSTD_decompressStream(s->zstd.get(), &out, &in);
     if (ZSTD_isError(rc)) {
-        fail(s, kZstdDataError);
+        // A window beyond the limit is memory the stream refuses to give: "Cannot allocate
+        // memory" says so, where "File too large" would blame the file and "Bad message" the
+        // data, which may well be sound.
+        const ZSTD_ErrorCode code = ZSTD_getErrorCode(rc);
+        fail(s, kZstdDataError,
+             code == ZSTD_error_frameParameter_windowTooLarge || code == ZSTD_error_memory_allocation
+                 ? platform::Failure::OutOfMemory
+                 : platform::Failure::DamagedData);
         return Step::Continue;
     }
     if (output(s, {s->outputBlock.data(), out.pos}) != MZ_OK) return Step::Continue;
@@ -467,11 +483,11 @@ Step expectDescriptor(UnpackStream* s) {
     if (!wellFormed) {
         rewind(s, start);
         if (s->inputLength - s->inputPosition < kDescriptorCutLimit) return Step::NeedInput;
-        fail(s, got == need ? MZ_FORMAT_ERROR : MZ_END_OF_STREAM);
+        failDamaged(s, got == need ? MZ_FORMAT_ERROR : MZ_END_OF_STREAM);
         return Step::Continue;
     }
     s->state = kExpectHeader;
-    if (crc != s->crc) fail(s, MZ_CRC_ERROR);
+    if (crc != s->crc) failDamaged(s, MZ_CRC_ERROR);
     return Step::Continue;
 }
 
@@ -486,7 +502,7 @@ std::int32_t consume(UnpackStream* s) {
             case kZstdData: step = zstdData(s); break;
             case kExpectDescriptor: step = expectDescriptor(s); break;
             case kEnd: return MZ_END_OF_STREAM;
-            default: return fail(s, MZ_INTERNAL_ERROR);
+            default: return fail(s, MZ_INTERNAL_ERROR, platform::Failure::InvalidArgument);
         }
         if (s->error != 0) return s->error;
         if (step == Step::Complete) return static_cast<std::int32_t>(s->inputLength);
@@ -512,35 +528,44 @@ std::int32_t unpackOpen(void* stream, const char* path, std::int32_t mode) {
     UnpackStream* s = self(stream);
     if (!s || !path || !s->basePath.empty()) return MZ_PARAM_ERROR;
     if (mode & kUnsupportedModeBit) return MZ_INTERNAL_ERROR;
-    if (*path == '\0' || !platform::isDirectory(path)) return MZ_OPEN_ERROR;
+    if (*path == '\0') return MZ_OPEN_ERROR;
+    // Held open for the whole archive: every entry is resolved below this very directory.
+    if (!s->target.open(path)) return MZ_OPEN_ERROR;
 
     // Every open starts a fresh archive.
     s->error = 0;
+    s->systemError = 0;
     s->state = kExpectHeader;
     s->crc = 0;
     s->written = 0;
     s->entry = LocalEntry{};
     s->receivedBytes = false;
-    s->checkedParent.clear();
+    s->droppedBytes = 0;
     if (s->pending) s->pending->length = 0;
     s->pendingPosition = 0;
 
     s->basePath = path;
     if (s->basePath.back() != '/') s->basePath.push_back('/');
-    s->outputPath = s->basePath;
 
     s->extraField.reset(mz_stream_mem_create());
-    s->file.reset(mz_stream_os_create());
-    if (!s->extraField || !s->file) {
+    if (!s->extraField) {
         s->basePath.clear();
+        s->target.close();
         return MZ_MEM_ERROR;
     }
     mz_stream_mem_set_grow_size(s->extraField.get(), kExtraFieldStep);
     if (mz_stream_open(s->extraField.get(), nullptr, MZ_OPEN_MODE_CREATE) != MZ_OK) {
         s->basePath.clear();
+        s->target.close();
         return MZ_MEM_ERROR;
     }
     return MZ_OK;
+}
+
+// A failed call leaves the failure's error code for the caller to read, whatever ran since.
+std::int32_t withError(const UnpackStream* s, std::int32_t result) {
+    if (result < 0 && result != MZ_END_OF_STREAM && s->error != 0) platform::setLastError(s->systemError);
+    return result;
 }
 
 std::int32_t unpackRead(void* stream, void* buf, std::int32_t size) {
@@ -555,7 +580,7 @@ std::int32_t unpackWrite(void* stream, const void* buf, std::int32_t size) {
     UnpackStream* s = self(stream);
     if (size < 0) return MZ_PARAM_ERROR;
     if (s->basePath.empty()) return MZ_OPEN_ERROR;
-    if (s->error != 0) return s->error;
+    if (s->error != 0) return withError(s, s->error);
     if (size > 0 && !buf) return MZ_PARAM_ERROR;
 
     s->input = static_cast<const std::uint8_t*>(buf);
@@ -568,38 +593,41 @@ std::int32_t unpackWrite(void* stream, const void* buf, std::int32_t size) {
         result = consume(s);
     }
 
-    // Keep what was not consumed for the next chunk.
-    byteBufferConsume(s->pending.get(), static_cast<std::uint32_t>(s->pendingPosition));
-    s->pendingPosition = 0;
     const std::span<const std::uint8_t> rest(s->input ? s->input + s->inputPosition : nullptr,
                                              static_cast<std::size_t>(s->inputLength - s->inputPosition));
-    if (!byteBufferAppend(s->pending, rest)) result = fail(s, MZ_MEM_ERROR);
+    if (s->state == kEnd) {
+        // Nothing after the central directory is used: counted, never kept, so a far side
+        // cannot grow this process by sending more.
+        s->droppedBytes += byteBufferLength(s->pending.get()) - s->pendingPosition + static_cast<std::int64_t>(rest.size());
+        if (s->pending) s->pending->length = 0;
+    } else {
+        // Keep what was not consumed for the next chunk.
+        byteBufferConsume(s->pending.get(), static_cast<std::uint32_t>(s->pendingPosition));
+        if (!byteBufferAppend(s->pending, rest)) result = failMemory(s);
+    }
+    s->pendingPosition = 0;
     s->input = nullptr;
     s->inputLength = 0;
     s->inputPosition = 0;
     reportProgress(s);
-    return result;
+    return withError(s, result);
 }
 
 std::int32_t unpackClose(void* stream) {
     UnpackStream* s = self(stream);
     if (s->input) return MZ_OK;  // called from inside a write
-    if (s->basePath.empty()) return s->error;
-    if (s->file) {
-        const std::int32_t rc = mz_stream_close(s->file.get());
-        if (rc != MZ_OK && rc != MZ_PARAM_ERROR && rc != MZ_STREAM_ERROR) fail(s, rc);
-    }
+    if (s->basePath.empty()) return withError(s, s->error);
+    closeEntryFile(s);
     // Bytes came but the central directory never did: the tree is incomplete.
-    if (s->receivedBytes && s->state != kEnd) fail(s, MZ_FORMAT_ERROR);
+    if (s->receivedBytes && s->state != kEnd) failDamaged(s, MZ_FORMAT_ERROR);
     s->basePath.clear();
     s->basePath.shrink_to_fit();
-    s->outputPath.clear();
-    s->outputPath.shrink_to_fit();
+    s->target.close();
     s->extraField.reset();
-    s->file.reset();
     s->inflater.reset();
     s->zstd.reset();
-    return s->error;
+    if (s->pending) s->pending->length = 0;
+    return withError(s, s->error);
 }
 
 std::int32_t unpackError(void* stream) { return self(stream)->error; }
@@ -632,3 +660,11 @@ void setDirUnpackStreamProgress(void* stream, UnpackProgressCallback progress, v
     self(stream)->progress = progress;
     self(stream)->progressUser = user;
 }
+
+int dirUnpackStreamSystemError(void* stream) { return stream ? self(stream)->systemError : 0; }
+
+std::int64_t dirUnpackStreamHeldBytes(void* stream) {
+    return stream ? byteBufferCapacity(self(stream)->pending.get()) : 0;
+}
+
+std::int64_t dirUnpackStreamDroppedBytes(void* stream) { return stream ? self(stream)->droppedBytes : 0; }

@@ -9,6 +9,16 @@
 // never came), mz_stream_error, mz_stream_delete. A write returns the whole chunk length while
 // healthy, MZ_END_OF_STREAM once the central directory was reached, or the first failure (kept
 // and returned by every later write). Every open starts a fresh archive.
+//
+// Every name is resolved below the target directory, held open from open to close, and no
+// symbolic link is followed on the way. Every file is created new: whatever held its name (a
+// file, a hard link, a FIFO, a device, a link) is unlinked first, never written through or
+// opened. Bytes after the central directory are counted and dropped.
+//
+// A failing write or close leaves the platform's error code of the failure readable through
+// platform::lastError(): the failing system call's, or for failures no system call reports
+// one that describes them (damaged data, an unsupported method, a name that would leave the
+// target, a zstd window over the limit). dirUnpackStreamSystemError returns it as well.
 #pragma once
 
 #include <cstdint>
@@ -22,3 +32,9 @@ using UnpackProgressCallback = void (*)(void* user, const char* entryName, std::
 // A new, closed stream object; null on exhaustion. Free it with mz_stream_delete.
 void* createDirUnpackStream();
 void setDirUnpackStreamProgress(void* stream, UnpackProgressCallback progress, void* user);
+// The platform's error code of the stream's first failure since open; 0 while healthy.
+int dirUnpackStreamSystemError(void* stream);
+// The bytes the stream holds for the chunks to come, and those it dropped after the central
+// directory since open.
+std::int64_t dirUnpackStreamHeldBytes(void* stream);
+std::int64_t dirUnpackStreamDroppedBytes(void* stream);

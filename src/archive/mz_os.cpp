@@ -1,7 +1,6 @@
 #include "archive/mz_os.h"
 
 #include "archive/mz_stream.h"
-#include "platform/platform.h"
 
 std::int32_t mz_zip_attrib_is_dir(std::uint32_t attrib, std::int32_t version_madeby) {
     const auto host = static_cast<std::uint8_t>((version_madeby >> 8) & 0xFF);
@@ -44,25 +43,4 @@ std::string mz_path_resolve(std::string_view name) {
         out.append(part);
     }
     return out;
-}
-
-std::int32_t mz_dir_make(const std::string& path, std::size_t from) {
-    std::string prefix;
-    std::size_t i = from;
-    while (i <= path.size()) {
-        std::size_t end = path.find('/', i);
-        if (end == std::string::npos) end = path.size();
-        if (end > i) {
-            prefix.assign(path, 0, end);
-            // Symbolic links are not followed: a link below the start could lead anywhere.
-            platform::Status st;
-            if (platform::linkStatus(prefix, st)) {
-                if (st.kind != platform::Kind::Directory) return MZ_EXIST_ERROR;
-            } else if (!platform::makeDirectory(prefix) && !platform::isDirectory(prefix)) {
-                return MZ_INTERNAL_ERROR;
-            }
-        }
-        i = end + 1;
-    }
-    return MZ_OK;
 }

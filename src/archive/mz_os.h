@@ -23,9 +23,3 @@ std::int32_t mz_zip_attrib_is_dir(std::uint32_t attrib, std::int32_t version_mad
 // component and never climbs above the start; the result is joined with '/'. The name stops at
 // its first NUL byte. An empty result means the name names nothing below the start.
 std::string mz_path_resolve(std::string_view name);
-
-// Creates every missing directory of `path` from byte `from` on (the part before is taken to
-// exist); existing directories are accepted. MZ_OK, MZ_EXIST_ERROR when a component exists as
-// something other than a directory (a symbolic link included: it is never followed), or
-// MZ_INTERNAL_ERROR when one cannot be made.
-std::int32_t mz_dir_make(const std::string& path, std::size_t from = 0);

@@ -6,7 +6,6 @@
 #include "common/bytes.h"
 #include "filetransfer/framing.h"
 #include "filetransfer/protocol.h"
-#include "filetransfer/transfer.h"
 #include "platform/platform.h"
 
 namespace {
@@ -14,22 +13,23 @@ namespace {
 // A name is kept the way a C string would hold it: up to its first NUL byte.
 std::string_view cString(std::string_view text) { return text.substr(0, text.find('\0')); }
 
-// Removes what the path names without following a final symbolic link. Trailing separators
-// are dropped first: "link/" would make the system look through the link.
-bool removePath(std::string path) {
-    while (path.size() > 1 && path.back() == platform::kSeparator) path.pop_back();
-    platform::Status st;
-    if (platform::linkStatus(path, st) && st.kind == platform::Kind::Directory) {
-        // Never the whole file system, by any spelling of its root ("/.", "/tmp/..").
-        if (platform::isFileSystemRoot(path)) {
-            platform::setLastError(platform::deniedErrorCode());
-            return false;
-        }
-        // The tree removal refuses some paths without a system error of its own.
+// Removes what the path names without following a final symbolic link: the last component is
+// looked up and removed in its parent directory, held open, so a name swapped for a link
+// between the two is never followed. Trailing separators are dropped ("link/" would make the
+// system look through the link).
+bool removePath(const std::string& path) {
+    // Never the whole file system, by any spelling of its root ("/", "/.", "/tmp/..").
+    if (platform::isFileSystemRoot(path)) {
         platform::setLastError(platform::deniedErrorCode());
-        return removeDirectoryTree(path) != 0;
+        return false;
     }
-    return platform::removeFile(path);
+    std::string parentPath, name;
+    platform::splitLastComponent(path, parentPath, name);
+    platform::DirectoryHandle parent;
+    if (!parent.open(parentPath)) return false;
+    platform::Status st;
+    if (parent.linkStatusAt(name, st) && st.kind == platform::Kind::Directory) return parent.removeTreeAt(name) != 0;
+    return parent.unlinkAt(name);
 }
 
 }  // namespace
@@ -85,6 +85,7 @@ void handleRenameRequest(xcb_connection_t* connection, std::span<const std::uint
     if (request.oldLength == 0 || request.newLength == 0) return;
     const std::string oldName(request.oldName);
     const std::string newName(request.newName);
+    // A rename acts on the names themselves: a final symbolic link is moved, never followed.
     const bool moved = platform::renameNoReplace(oldName, newName);
     sendFileTransferStatus(connection, oldName, kStatusRename, !moved);
 }

@@ -437,26 +437,4 @@ void handleTransferRequest(xcb_connection_t* connection, std::span<const std::ui
     }
 }
 
-int removeDirectoryTree(const std::string& path) {
-    // Never "", and never the root under any spelling ("/", "//", "/.", "/tmp/..").
-    if (path.find_first_not_of('/') == std::string::npos || platform::isFileSystemRoot(path)) return 0;
-    platform::Status top;
-    if (!platform::linkStatus(path, top) || top.kind != platform::Kind::Directory) return 0;
-    // Names first, removals after: the listing is not disturbed by the changes.
-    std::vector<std::string> names;
-    {
-        platform::DirectoryReader reader;
-        if (!reader.open(path)) return 0;
-        std::string name;
-        while (reader.next(name))
-            if (name != "." && name != "..") names.push_back(name);
-    }
-    for (const std::string& name : names) {
-        const std::string entry = path + platform::kSeparator + name;
-        platform::Status st;
-        // A symbolic link is removed itself; what it points to is left alone.
-        if (platform::linkStatus(entry, st) && st.kind == platform::Kind::Directory) removeDirectoryTree(entry);
-        else platform::removeFile(entry);
-    }
-    return platform::removeDirectory(path) ? 1 : 0;
-}
+int removeDirectoryTree(const std::string& path) { return platform::removeDirectoryTree(path); }

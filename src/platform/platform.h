@@ -98,6 +98,8 @@ enum class OpenMode : std::uint8_t {
 };
 enum class SeekOrigin : std::uint8_t { Set, Current, End };
 
+class DirectoryHandle;  // see "paths resolved below a directory held open"
+
 class File {
 public:
     File() = default;
@@ -108,6 +110,10 @@ public:
     File& operator=(File&& other) noexcept;
 
     bool open(const std::string& path, OpenMode mode);
+    // Creates `name` in the directory as a new file, write only (0666 less the umask), never
+    // writing through anything: a non-directory that holds the name (a file, a hard link, a
+    // FIFO, a device, a symbolic link) is unlinked first. A directory there fails (EISDIR).
+    bool createNewAt(const DirectoryHandle& directory, const std::string& name);
     bool isOpen() const { return fd_ >= 0; }
     // Byte count (0 at the end of the file) or -1 on failure.
     std::int64_t read(std::span<std::uint8_t> into);
@@ -136,6 +142,69 @@ bool hostName(std::string& out);
 std::uint32_t processId();
 std::int64_t currentTime();  // seconds since 1970-01-01
 bool standardErrorIsTerminal();
+
+// ---- paths resolved below a directory held open (extraction, delete, rename) -----------------
+//
+// A directory is held by a descriptor, and names are looked up in it one component at a time
+// without following symbolic links, so the kernel keeps every lookup below it whatever is
+// renamed or replaced meanwhile. Where the kernel resolves a whole relative path under those
+// rules in one call, it is used.
+
+class DirectoryHandle {
+public:
+    DirectoryHandle() = default;
+    ~DirectoryHandle();
+    DirectoryHandle(const DirectoryHandle&) = delete;
+    DirectoryHandle& operator=(const DirectoryHandle&) = delete;
+    DirectoryHandle(DirectoryHandle&& other) noexcept;
+    DirectoryHandle& operator=(DirectoryHandle&& other) noexcept;
+
+    // Opens a directory by its path as the user named it (links on the way are followed).
+    bool open(const std::string& path);
+    // Opens `relative` below `base`: '/'-separated components, none of them empty, "." or "..".
+    // No symbolic link is followed; a component that is anything but a directory fails with
+    // ENOTDIR. With `create`, missing directories are made (0777 less the umask). An empty
+    // `relative` opens `base` itself.
+    bool openBeneath(const DirectoryHandle& base, const std::string& relative, bool create);
+    bool isOpen() const { return fd_ >= 0; }
+    void close();
+
+    // What `name` in this directory is, without following a symbolic link.
+    bool linkStatusAt(const std::string& name, Status& out) const;
+    // Removes the non-directory `name` (a link itself, never what it points to).
+    bool unlinkAt(const std::string& name) const;
+    // Removes the directory `name` with everything in it. Each directory of the tree is opened
+    // from its parent's descriptor without following links, so one swapped for a link while
+    // it is walked is never entered; links inside are removed, never followed. Refuses "",
+    // "." and ".." (EINVAL). Non-zero when `name` itself was removed; the error code is then
+    // that of the last failing call.
+    int removeTreeAt(const std::string& name) const;
+
+private:
+    friend class File;
+    int fd_ = -1;
+};
+
+// The error codes for failures that no system call reports, so that their text describes them.
+enum class Failure : std::uint8_t {
+    DamagedData,      // a check sum or the layout of received data is wrong ("Bad message")
+    Unsupported,      // a method or feature this program does not have
+    NotPermitted,     // a name that would reach outside the place it must stay in
+    OutOfMemory,      // more memory than allowed or available
+    InvalidArgument,  // a request that makes no sense
+    NotADirectory,    // also what openBeneath reports for a name held by a non-directory
+};
+int failureCode(Failure failure);
+
+// Splits `path` at its last separator, dropping trailing separators first: "a/b/" -> "a", "b";
+// "name" -> ".", "name"; "/name" -> "/", "name". The last part is empty for the root.
+void splitLastComponent(const std::string& path, std::string& parent, std::string& last);
+
+// Removes a directory with everything in it, as removeTreeAt from its parent's descriptor.
+// Refuses "" and the root under any spelling (EACCES), a last component "." or ".." (EINVAL),
+// and anything that is not a directory itself, a link to one included (ENOTDIR). Non-zero
+// when the directory itself was removed.
+int removeDirectoryTree(const std::string& path);
 
 }  // namespace platform
 

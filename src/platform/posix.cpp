@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 #include <csignal>
 #include <ctime>
 
@@ -17,6 +18,13 @@
 #include <sys/syscall.h>
 #include <sys/types.h>
 #include <unistd.h>
+#if __has_include(<linux/openat2.h>)
+#include <linux/openat2.h>
+#if defined(SYS_openat2)
+#define VAROFT_HAVE_OPENAT2 1
+#endif
+#endif
+
 
 #ifndef RENAME_NOREPLACE
 #define RENAME_NOREPLACE (1 << 0)
@@ -602,6 +610,253 @@ void writeStandardError(std::string_view text) {
         if (n <= 0) return;
         done += static_cast<std::size_t>(n);
     }
+}
+
+}  // namespace platform
+
+// ---- paths resolved below a directory held open ------------------------------------------------
+
+namespace platform {
+
+namespace {
+
+// Handles only look names up; reading a directory opens it again for reading.
+#ifdef O_PATH
+constexpr int kLookupFlags = O_PATH;
+#else
+constexpr int kLookupFlags = O_RDONLY;
+#endif
+
+void closeKeepingError(int fd) {
+    const int saved = errno;
+    ::close(fd);
+    errno = saved;
+}
+
+// The directory `name` in `dirfd`, never through a symbolic link; anything else is ENOTDIR.
+int openDirectoryAt(int dirfd, const char* name, int access) {
+    const int fd = ::openat(dirfd, name, access | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        if (errno == ELOOP) errno = ENOTDIR;  // a link where a directory was expected
+        return -1;
+    }
+    struct stat st {};
+    if (::fstat(fd, &st) != 0 || !S_ISDIR(st.st_mode)) {
+        closeKeepingError(fd);
+        errno = ENOTDIR;
+        return -1;
+    }
+    return fd;
+}
+
+#ifdef VAROFT_HAVE_OPENAT2
+bool kernelHasOpenat2 = true;
+
+// The kernel's own walk of a whole relative path: below dirfd, no link anywhere. -1 with
+// ENOSYS when the kernel lacks the call.
+int openBeneathAtOnce(int dirfd, const std::string& relative) {
+    if (!kernelHasOpenat2) {
+        errno = ENOSYS;
+        return -1;
+    }
+    open_how how{};
+    how.flags = static_cast<std::uint64_t>(kLookupFlags | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    const long fd = ::syscall(SYS_openat2, dirfd, relative.c_str(), &how, sizeof how);
+    if (fd < 0) {
+        if (errno == ENOSYS) kernelHasOpenat2 = false;
+        if (errno == ELOOP) errno = ENOTDIR;
+        return -1;
+    }
+    struct stat st {};
+    if (::fstat(static_cast<int>(fd), &st) != 0 || !S_ISDIR(st.st_mode)) {
+        closeKeepingError(static_cast<int>(fd));
+        errno = ENOTDIR;
+        return -1;
+    }
+    return static_cast<int>(fd);
+}
+#endif
+
+// Removes everything inside the directory open as dirfd (readable). The names are read first,
+// the removals follow, so the listing is not disturbed by them.
+void removeContents(int dirfd) {
+    std::vector<std::string> names;
+    {
+        const int listing = ::fcntl(dirfd, F_DUPFD_CLOEXEC, 0);
+        if (listing < 0) return;
+        DIR* dir = ::fdopendir(listing);
+        if (!dir) {
+            closeKeepingError(listing);
+            return;
+        }
+        while (const dirent* entry = ::readdir(dir)) {
+            const std::string_view name(entry->d_name);
+            if (name != "." && name != "..") names.emplace_back(name);
+        }
+        const int saved = errno;
+        ::closedir(dir);
+        errno = saved;
+    }
+    for (const std::string& name : names) {
+        struct stat st {};
+        if (::fstatat(dirfd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        if (!S_ISDIR(st.st_mode)) {
+            ::unlinkat(dirfd, name.c_str(), 0);  // a link goes itself, never what it names
+            continue;
+        }
+        const int child = openDirectoryAt(dirfd, name.c_str(), O_RDONLY);
+        if (child < 0) continue;  // swapped for something else meanwhile: not entered
+        removeContents(child);
+        closeKeepingError(child);
+        ::unlinkat(dirfd, name.c_str(), AT_REMOVEDIR);
+    }
+}
+
+}  // namespace
+
+DirectoryHandle::~DirectoryHandle() { close(); }
+
+DirectoryHandle::DirectoryHandle(DirectoryHandle&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+
+DirectoryHandle& DirectoryHandle::operator=(DirectoryHandle&& other) noexcept {
+    if (this != &other) {
+        close();
+        fd_ = other.fd_;
+        other.fd_ = -1;
+    }
+    return *this;
+}
+
+void DirectoryHandle::close() {
+    if (fd_ >= 0) closeKeepingError(fd_);
+    fd_ = -1;
+}
+
+bool DirectoryHandle::open(const std::string& path) {
+    close();
+    fd_ = ::open(path.c_str(), kLookupFlags | O_DIRECTORY | O_CLOEXEC);
+    return fd_ >= 0;
+}
+
+bool DirectoryHandle::openBeneath(const DirectoryHandle& base, const std::string& relative, bool create) {
+    close();
+    if (base.fd_ < 0) {
+        errno = EBADF;
+        return false;
+    }
+    if (relative.empty()) {
+        fd_ = ::fcntl(base.fd_, F_DUPFD_CLOEXEC, 0);
+        return fd_ >= 0;
+    }
+#ifdef VAROFT_HAVE_OPENAT2
+    fd_ = openBeneathAtOnce(base.fd_, relative);
+    if (fd_ >= 0) return true;
+    // Missing directories are made by the walk below; a race with a rename asks for a retry.
+    if (errno != ENOSYS && errno != EAGAIN && !(create && errno == ENOENT)) return false;
+#endif
+    // One component at a time, each looked up in the directory before it.
+    int at = base.fd_;
+    std::size_t from = 0;
+    while (from <= relative.size()) {
+        std::size_t end = relative.find('/', from);
+        if (end == std::string::npos) end = relative.size();
+        const std::string part = relative.substr(from, end - from);
+        from = end + 1;
+        if (part.empty() || part == "." || part == "..") {
+            if (at != base.fd_) closeKeepingError(at);
+            errno = EINVAL;
+            return false;
+        }
+        int next = openDirectoryAt(at, part.c_str(), kLookupFlags);
+        if (next < 0 && errno == ENOENT && create) {
+            // Made here, or by someone else meanwhile: either way it is looked up again.
+            if (::mkdirat(at, part.c_str(), 0777) == 0 || errno == EEXIST)
+                next = openDirectoryAt(at, part.c_str(), kLookupFlags);
+        }
+        if (at != base.fd_) closeKeepingError(at);
+        if (next < 0) return false;
+        at = next;
+    }
+    fd_ = at;
+    return true;
+}
+
+bool DirectoryHandle::linkStatusAt(const std::string& name, Status& out) const {
+    struct stat st {};
+    return fill(::fstatat(fd_, name.c_str(), &st, AT_SYMLINK_NOFOLLOW), st, out);
+}
+
+bool DirectoryHandle::unlinkAt(const std::string& name) const { return ::unlinkat(fd_, name.c_str(), 0) == 0; }
+
+int DirectoryHandle::removeTreeAt(const std::string& name) const {
+    if (name.empty() || name == "." || name == "..") {
+        errno = EINVAL;
+        return 0;
+    }
+    const int top = openDirectoryAt(fd_, name.c_str(), O_RDONLY);
+    if (top < 0) return 0;
+    removeContents(top);
+    closeKeepingError(top);
+    return ::unlinkat(fd_, name.c_str(), AT_REMOVEDIR) == 0 ? 1 : 0;
+}
+
+bool File::createNewAt(const DirectoryHandle& directory, const std::string& name) {
+    close();
+    // O_EXCL never opens what exists, a link included; what holds the name goes first. A few
+    // rounds, in case something else keeps putting the name back.
+    for (int round = 0; round < 4; ++round) {
+        fd_ = ::openat(directory.fd_, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+        if (fd_ >= 0) return true;
+        if (errno != EEXIST) return false;
+        // A directory fails here (EISDIR) and stays.
+        if (::unlinkat(directory.fd_, name.c_str(), 0) != 0 && errno != ENOENT) return false;
+    }
+    errno = EEXIST;
+    return false;
+}
+
+int failureCode(Failure failure) {
+    switch (failure) {
+        case Failure::DamagedData: return EBADMSG;
+        case Failure::Unsupported: return EOPNOTSUPP;
+        case Failure::NotPermitted: return EPERM;
+        case Failure::OutOfMemory: return ENOMEM;
+        case Failure::NotADirectory: return ENOTDIR;
+        case Failure::InvalidArgument: break;
+    }
+    return EINVAL;
+}
+
+void splitLastComponent(const std::string& path, std::string& parent, std::string& last) {
+    const std::size_t keep = path.find_last_not_of('/');
+    if (keep == std::string::npos) {
+        parent = path.empty() ? "." : "/";
+        last.clear();
+        return;
+    }
+    const std::string trimmed = path.substr(0, keep + 1);
+    const std::size_t slash = trimmed.rfind('/');
+    if (slash == std::string::npos) {
+        parent = ".";
+        last = trimmed;
+    } else {
+        parent = slash == 0 ? "/" : trimmed.substr(0, slash);
+        last = trimmed.substr(slash + 1);
+    }
+}
+
+int removeDirectoryTree(const std::string& path) {
+    // Never "", and never the root under any spelling ("/", "//", "/.", "/tmp/..").
+    if (path.find_first_not_of('/') == std::string::npos || isFileSystemRoot(path)) {
+        errno = EACCES;
+        return 0;
+    }
+    std::string parentPath, name;
+    splitLastComponent(path, parentPath, name);
+    DirectoryHandle parent;
+    if (!parent.open(parentPath)) return 0;
+    return parent.removeTreeAt(name);
 }
 
 }  // namespace platform

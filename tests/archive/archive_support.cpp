@@ -11,6 +11,7 @@
 #include "archive/dir_unpack_stream.h"
 #include "archive/mz_stream.h"
 #include "common/bytes.h"
+#include "platform/platform.h"
 #include "support/temp_dir.h"
 
 namespace archivetest {
@@ -69,15 +70,18 @@ Chunker randomChunks(std::uint32_t seed, std::size_t maxSize) {
 
 UnpackOutcome unpackInto(const Bytes& archive, const std::string& target, const Chunker& chunker) {
     MzStreamPtr stream(createDirUnpackStream());
-    UnpackOutcome outcome{mz_stream_open(stream.get(), target.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE)};
+    UnpackOutcome outcome;
+    outcome.firstFailure = mz_stream_open(stream.get(), target.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE);
     for (std::size_t at = 0; outcome.firstFailure == MZ_OK && at < archive.size();) {
         const std::size_t n = std::min(chunker(), archive.size() - at);
         const std::int32_t rc = mz_stream_write(stream.get(), archive.data() + at, static_cast<std::int32_t>(n));
         if (rc == MZ_END_OF_STREAM) break;
         outcome.firstFailure = std::min(rc, 0);
+        if (rc < 0) outcome.failureText = platform::lastErrorText();
         at += n;
     }
     outcome.closeResult = mz_stream_close(stream.get());
+    if (outcome.closeResult < 0 && outcome.failureText.empty()) outcome.failureText = platform::lastErrorText();
     return outcome;
 }
 

@@ -41,6 +41,7 @@ Chunker randomChunks(std::uint32_t seed, std::size_t maxSize);
 struct UnpackOutcome {
     std::int32_t firstFailure = 0;  // first negative write result but the end, 0 when none
     std::int32_t closeResult = 0;
+    std::string failureText;        // the system's error text right after the first failing call
 };
 // Opens a fresh unpack stream on `target`, writes the archive in the chunking until the end of
 // the archive or the first failure, then closes it.

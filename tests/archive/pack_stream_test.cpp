@@ -47,16 +47,37 @@ TEST(PackStream, SmallReadsYieldTheSameBytesAsOneLargeRead) {
     for (const std::int32_t step : {1, 7, 4096}) EXPECT_EQ(packAll(work.str(), step), whole) << step;
 }
 
+// Every name that is valid UTF-8 carries the UTF-8 flag, plain ASCII included; one that is not
+// keeps its bytes with the flag clear, so strict readers take the whole archive.
+constexpr const char* kCheckNameFlags = R"(python3 -c "
+import zipfile
+def utf8(raw):
+    try:
+        raw.decode('utf-8')
+        return True
+    except UnicodeDecodeError:
+        return False
+with zipfile.ZipFile('out.zip') as z:
+    for i in z.infolist():
+        flagged = bool(i.flag_bits & 0x800)
+        assert flagged == utf8(i.filename.encode('utf-8' if flagged else 'cp437')), i.filename
+        z.read(i)  # the local header's name and flag must agree with the central one
+")";
+
 TEST(PackStream, PeersAndTheUnpackStreamRestoreThePackedTree) {
-    if (!haveTool("unzip") || !haveTool("bsdtar")) GTEST_SKIP() << "unzip or bsdtar is not installed";
+    if (!haveTool("unzip") || !haveTool("bsdtar") || !haveTool("python3"))
+        GTEST_SKIP() << "unzip, bsdtar or python3 is not installed";
     TempDir work;
     makeSampleTree(work / "tree");
     testsupport::writeFile(work / "tree" / "a" / "empty", "");
+    testsupport::writeFile(work / "tree" / "a" / "latin-1 \xe9t\xe9", "not UTF-8\n");
     const Bytes archive = packAll((work / "tree").string(), 131072);
     testsupport::writeFile(work / "out.zip", std::string(archive.begin(), archive.end()));
     EXPECT_EQ(shell("unzip -tq out.zip && bsdtar -tf out.zip >/dev/null", work.str()), 0);
-    ASSERT_EQ(shell("unzip -q out.zip -d x", work.str()), 0);
+    EXPECT_EQ(shell(kCheckNameFlags, work.str()), 0);
+    ASSERT_EQ(shell("unzip -q out.zip -d x && mkdir y && LC_ALL=C.UTF-8 bsdtar -xf out.zip -C y", work.str()), 0);
     EXPECT_EQ(imageOf(work / "x"), imageOf(work / "tree"));
+    EXPECT_EQ(imageOf(work / "y"), imageOf(work / "tree"));
     EXPECT_EQ(unpacked(archive), imageOf(work / "tree"));
 }
 

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <filesystem>
 #include <iterator>
 #include <optional>
@@ -96,6 +98,11 @@ TEST(UnpackStream, TheCentralDirectoryEndsTheArchive) {
     // The central directory's first bytes end the archive; the call still takes them all.
     EXPECT_EQ(write(stream, bytes.subspan(entryBytes, 10)), 10);
     EXPECT_EQ(write(stream, bytes.subspan(entryBytes + 10)), MZ_END_OF_STREAM);
+    // Whatever follows is counted and dropped: the stream's memory stays flat.
+    const Bytes junk(1 << 20, 'j');
+    for (int i = 0; i < 32; ++i) ASSERT_EQ(write(stream, junk), MZ_END_OF_STREAM);
+    EXPECT_EQ(dirUnpackStreamDroppedBytes(stream.get()), static_cast<std::int64_t>(archive.size() - entryBytes - 4 + 32 * junk.size()));
+    EXPECT_LT(dirUnpackStreamHeldBytes(stream.get()), 4096);
     EXPECT_EQ(mz_stream_error(stream.get()), 0);
     EXPECT_EQ(mz_stream_close(stream.get()), 0);
     EXPECT_EQ(readFile(dir / "a.txt"), "a");
@@ -135,6 +142,7 @@ TEST(UnpackStream, AnArchiveCutShortFailsAtClose) {
                                         dir.str(), fixedChunks(4096));
         EXPECT_EQ(outcome.firstFailure, 0) << keep;
         EXPECT_EQ(outcome.closeResult, MZ_FORMAT_ERROR) << keep;
+        EXPECT_EQ(outcome.failureText, "Bad message") << keep;
     }
 }
 
@@ -144,32 +152,37 @@ TEST(UnpackStream, BadEntriesFailWithTheirOwnCode) {
         HandEntry entry;
         std::int32_t code;
         std::optional<std::string> left;  // what stays in the entry's file, if it is made
+        const char* text;                 // the system's error text the failure leaves
     };
+    const char* damaged = "Bad message";
+    const char* outside = "Operation not permitted";
     const std::vector<Case> cases = {
-        {{.name = "crc", .data = text, .method = 8, .crc = 0x12345678}, MZ_CRC_ERROR, text},
-        {{.name = "crc-described", .data = text, .method = 8, .descriptor = true, .crc = 1}, MZ_CRC_ERROR, text},
-        {{.name = "m12", .data = "payload", .method = 12}, MZ_SUPPORT_ERROR, ""},
-        {{.name = "m14", .data = "payload", .method = 14}, MZ_SUPPORT_ERROR, ""},
-        {{.name = "deflate", .data = "abc", .method = 8, .payload = toBytes("\xff\xff\xff\xff no deflate")}, -3, ""},
-        {{.name = "zstd", .data = "abc", .method = 93, .payload = toBytes("this is no zstd frame")}, -2, ""},
+        {{.name = "crc", .data = text, .method = 8, .crc = 0x12345678}, MZ_CRC_ERROR, text, damaged},
+        {{.name = "crc-described", .data = text, .method = 8, .descriptor = true, .crc = 1}, MZ_CRC_ERROR, text, damaged},
+        {{.name = "m12", .data = "payload", .method = 12}, MZ_SUPPORT_ERROR, "", "Operation not supported"},
+        {{.name = "m14", .data = "payload", .method = 14}, MZ_SUPPORT_ERROR, "", "Operation not supported"},
+        {{.name = "deflate", .data = "abc", .method = 8, .payload = toBytes("\xff\xff\xff\xff no deflate")}, -3, "", damaged},
+        {{.name = "zstd", .data = "abc", .method = 93, .payload = toBytes("this is no zstd frame")}, -2, "", damaged},
         // A 16 MiB window is more than the stream accepts.
-        {{.name = "w24", .data = text, .method = 93, .payload = zstdWithWindow(text, 24)}, -2, ""},
+        {{.name = "w24", .data = text, .method = 93, .payload = zstdWithWindow(text, 24)}, -2, "", "Cannot allocate memory"},
         // An empty stored entry without the descriptor flag still waits for a descriptor.
-        {{.name = "empty"}, MZ_FORMAT_ERROR, ""},
-        {{.name = "blocker/inside/"}, MZ_EXIST_ERROR, std::nullopt},
-        // Names that resolve to nothing.
-        {{.name = ".."}, MZ_INTERNAL_ERROR, std::nullopt},
-        {{.name = "/"}, MZ_INTERNAL_ERROR, std::nullopt},
-        {{.name = "./"}, MZ_INTERNAL_ERROR, std::nullopt},
-        {{.name = "a/.."}, MZ_INTERNAL_ERROR, std::nullopt},
+        {{.name = "empty"}, MZ_FORMAT_ERROR, "", damaged},
+        {{.name = "blocker/inside/"}, MZ_EXIST_ERROR, std::nullopt, "Not a directory"},
+        {{.name = "blocker/inside"}, MZ_OPEN_ERROR, std::nullopt, "Not a directory"},
+        // Names that resolve to nothing below the target.
+        {{.name = ".."}, MZ_INTERNAL_ERROR, std::nullopt, outside},
+        {{.name = "/"}, MZ_INTERNAL_ERROR, std::nullopt, outside},
+        {{.name = "./"}, MZ_INTERNAL_ERROR, std::nullopt, outside},
+        {{.name = "a/.."}, MZ_INTERNAL_ERROR, std::nullopt, outside},
     };
-    for (const auto& [entry, code, left] : cases) {
+    for (const auto& [entry, code, left, failureText] : cases) {
         TempDir dir;
         testsupport::writeFile(dir / "blocker", "x");
         // The entry after the bad one is never made; the failure is kept to the close.
         const auto outcome = unpackInto(buildArchive({entry, {.name = "next.txt", .data = "n"}}), dir.str(), fixedChunks(64));
         EXPECT_EQ(outcome.firstFailure, code) << entry.name;
         EXPECT_EQ(outcome.closeResult, code) << entry.name;
+        EXPECT_EQ(outcome.failureText, failureText) << entry.name;
         TreeImage expected{{"blocker", "x"}};
         if (left) expected[entry.name] = *left;
         EXPECT_EQ(imageOf(dir.path()), expected) << entry.name;
@@ -223,18 +236,28 @@ TEST(UnpackStream, NamesNeverLeaveTheTargetDirectory) {
     EXPECT_TRUE(fs::is_directory(target / "up"));
     EXPECT_TRUE(fs::is_directory(target / "windows"));
 
-    // Links already in the target are not followed either.
+    // What already holds a name in the target is never written through, nor opened: a link to a
+    // file outside, a hard link to one and a FIFO (an open would wait for a writer forever) each
+    // give way to a new file. A link on the way to a name is not followed.
     testsupport::writeFile(elsewhere / "victim.txt", "untouched");
     fs::create_directory_symlink(elsewhere, target / "linkdir");
     fs::create_symlink(elsewhere / "victim.txt", target / "alias.txt");
+    fs::create_hard_link(elsewhere / "victim.txt", target / "hard.txt");
+    ASSERT_EQ(::mkfifo((target / "fifo").c_str(), 0600), 0);
     for (const auto& [name, code] : std::vector<std::pair<std::string, std::int32_t>>{
              {"linkdir/planted.txt", MZ_OPEN_ERROR},
              {"linkdir/deeper/planted.txt", MZ_OPEN_ERROR},
-             {"alias.txt", MZ_OPEN_ERROR},
-             {"linkdir/made/", MZ_EXIST_ERROR}}) {
+             {"linkdir/made/", MZ_EXIST_ERROR},
+             {"alias.txt", MZ_OK},
+             {"hard.txt", MZ_OK},
+             {"fifo", MZ_OK}}) {
         EXPECT_EQ(unpackInto(buildArchive({{.name = name, .data = "planted"}}), target.string(), fixedChunks(64)).firstFailure,
                   code)
             << name;
+        if (code == MZ_OK) {
+            EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(target / name))) << name;
+            EXPECT_EQ(readFile(target / name), "planted") << name;
+        }
     }
     // Nothing appeared beside the target or in the other directory.
     EXPECT_EQ(std::distance(fs::directory_iterator(outer.path()), fs::directory_iterator()), 2);

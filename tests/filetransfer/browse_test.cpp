@@ -297,11 +297,14 @@ TEST_F(Browse, DeleteNeverFollowsLinksAndRenameNeverReplaces) {
         {d + "/gone.txt", ""},         {tree.string(), ""},
         {d + "/out-link", ""},         {d + "/slash-link/", ""},
         {d + "/missing.txt", "No such file or directory"}, {"", "No such file or directory"},
+        // A directory named by "." or ".." is refused before anything in it is touched.
+        {d + "/locked/.", "Invalid argument"},
     };
     for (const auto& [path, error] : deletes) expectStatus(request(75, loopback::encodeDeleteFile(path)), 3, path, error);
     for (const char* name : {"gone.txt", "tree", "out-link", "slash-link"})
         EXPECT_FALSE(fs::exists(fs::symlink_status(docs / name))) << name;
     EXPECT_EQ(testsupport::readFile(precious), "keep\n");
+    EXPECT_EQ(testsupport::readFile(docs / "locked" / "inside.txt"), "stays\n");
     if (::geteuid() != 0) {
         // The directory itself cannot be removed once its file stayed.
         fs::permissions(docs / "locked", fs::perms::owner_read | fs::perms::owner_exec);

@@ -1,5 +1,9 @@
-// Feeds arbitrary bytes to the unpack stream in chunkings chosen by the input's first bytes, and
-// checks after every run that nothing was created outside the target directory.
+// Feeds arbitrary bytes to the unpack stream in chunkings chosen by the input's first bytes, into
+// a target that may already hold traps under the names the seed archives use (a hard link to a
+// file outside, a FIFO, links to that file and to a directory outside), and checks after every
+// run that nothing outside the target was created, changed or removed.
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -13,9 +17,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr const char* kVictimText = "outside the target";
+
 struct Place {
-    fs::path outer;   // holds only the target
+    fs::path outer;      // holds only the target, the victim and the other directory
     fs::path target;
+    fs::path victim;     // a file outside the target that must stay as it is
+    fs::path elsewhere;  // a directory outside the target that must stay empty
     void* stream = nullptr;
 };
 
@@ -26,7 +34,14 @@ Place& place() {
         if (!::mkdtemp(templ.data())) std::abort();
         made.outer = templ;
         made.target = made.outer / "target";
+        made.victim = made.outer / "victim";
+        made.elsewhere = made.outer / "elsewhere";
         fs::create_directory(made.target);
+        fs::create_directory(made.elsewhere);
+        if (FILE* f = std::fopen(made.victim.c_str(), "wb")) {
+            std::fputs(kVictimText, f);
+            std::fclose(f);
+        }
         made.stream = createDirUnpackStream();  // lives for the process, as in the program
         std::atexit([] {
             std::error_code ec;
@@ -37,14 +52,43 @@ Place& place() {
     return p;
 }
 
-void emptyTarget(const Place& p) {
+[[noreturn]] void touchedOutside(const char* what) {
+    std::fprintf(stderr, "touched outside the target: %s\n", what);
+    std::abort();
+}
+
+// Layout bit 0: files in the way of the seeds' entries; bit 1: links to a directory outside in
+// place of the seeds' directories.
+void plantTraps(const Place& p, unsigned layout) {
+    std::error_code ec;
+    const fs::path src = p.target / "src";
+    fs::create_directories(src / "sub", ec);
+    if (layout & 1) {
+        fs::create_hard_link(p.victim, src / "text.txt", ec);
+        ::mkfifo((src / "sub" / "random.bin").c_str(), 0600);
+        fs::create_symlink(p.victim, src / "sub" / "name with space.txt", ec);
+        fs::create_symlink(p.victim, p.target / "z.txt", ec);
+        ::mkfifo((p.target / "zd.txt").c_str(), 0600);
+    }
+    if (layout & 2) {
+        fs::create_directory_symlink(p.elsewhere, src / "sub" / "deeper", ec);
+        fs::create_directory_symlink(p.elsewhere, src / "emptydir", ec);
+    }
+}
+
+void checkOutsideAndEmptyTarget(const Place& p) {
     std::error_code ec;
     for (const auto& entry : fs::directory_iterator(p.outer, ec)) {
-        if (entry.path() != p.target) {
-            std::fprintf(stderr, "created outside the target: %s\n", entry.path().c_str());
-            std::abort();
-        }
+        const fs::path& path = entry.path();
+        if (path != p.target && path != p.victim && path != p.elsewhere) touchedOutside(path.c_str());
     }
+    if (!fs::is_empty(p.elsewhere, ec)) touchedOutside(p.elsewhere.c_str());
+    if (!fs::is_regular_file(fs::symlink_status(p.victim, ec))) touchedOutside(p.victim.c_str());
+    char text[64] = {};
+    FILE* f = std::fopen(p.victim.c_str(), "rb");
+    const std::size_t n = f ? std::fread(text, 1, sizeof text - 1, f) : 0;
+    if (f) std::fclose(f);
+    if (std::string(text, n) != kVictimText) touchedOutside(p.victim.c_str());
     for (const auto& entry : fs::directory_iterator(p.target, ec)) fs::remove_all(entry.path(), ec);
 }
 
@@ -56,8 +100,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::uint8_t mode = data[0] % 4;
     std::uint32_t state = static_cast<std::uint32_t>(data[1]) | (static_cast<std::uint32_t>(data[2]) << 8) |
                           (static_cast<std::uint32_t>(data[3]) << 16) | (static_cast<std::uint32_t>(data[4]) << 24);
+    const unsigned layout = data[1] % 4;
     data += 5;
     size -= 5;
+    plantTraps(p, layout);
     if (mz_stream_open(p.stream, p.target.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE) != MZ_OK) std::abort();
     std::size_t at = 0;
     while (at < size) {
@@ -76,6 +122,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         at += n;
     }
     mz_stream_close(p.stream);
-    emptyTarget(p);
+    checkOutsideAndEmptyTarget(p);
     return 0;
 }
