@@ -50,3 +50,8 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_COMPONENTS_ALL Unspecified)
 include(CPack)
+
+if(VAROFT_TESTS)
+  add_test(NAME Packaging.Deb COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/tests/packaging/check_deb.sh ${CMAKE_BINARY_DIR})
+  set_tests_properties(Packaging.Deb PROPERTIES SKIP_RETURN_CODE 77)
+endif()
