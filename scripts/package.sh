@@ -19,7 +19,7 @@ rm -rf out/_CPack_Packages
 deb=$(ls out/varoft_*.deb)
 
 echo "== $deb"
-dpkg-deb --info "$deb" | sed -n '/Package:/,$p'
+dpkg-deb --field "$deb" Package Version Architecture Section Depends
 dpkg-deb --contents "$deb" | awk '{print "  " $6}'
 echo "== lintian"
 lintian --fail-on error "$deb" && echo "lintian: no errors"
