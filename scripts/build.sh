@@ -14,5 +14,6 @@ case "$flavour" in
                                  -DVAROFT_FUZZ=ON -DVAROFT_TESTS=OFF -DVAROFT_BENCH=OFF) ;;
   *) echo "build.sh: unknown flavour $flavour" >&2; exit 2 ;;
 esac
-cmake -S . -B "$dir" -G Ninja "${args[@]}" >/dev/null
+# Warnings are errors here and in CI (VAROFT_WERROR); a plain cmake build only reports them.
+cmake -S . -B "$dir" -G Ninja -DVAROFT_WERROR=ON "${args[@]}" >/dev/null
 cmake --build "$dir" -j "$jobs"

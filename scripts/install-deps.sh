@@ -14,6 +14,8 @@ packages=(
   xvfb zip unzip libarchive-tools python3 file time
   # the zstd tool makes a zstd entry for the fuzz seed corpus
   zstd
+  # the Debian package (scripts/package.sh): dpkg-shlibdeps, dpkg-buildflags, lintian
+  dpkg-dev lintian
 )
 
 missing=()

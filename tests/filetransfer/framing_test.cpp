@@ -68,8 +68,7 @@ Bytes eventBuffer(const Bytes& payload) {
     const std::size_t padded = (payload.size() + 3) / 4 * 4;
     bytes::put32(b, 4, static_cast<std::uint32_t>(padded / 4));
     bytes::put16(b, 8, 90);
-    b.resize(36 + padded, 0);
-    std::copy(payload.begin(), payload.end(), b.begin() + 36);
+    bytes::Writer(b).raw(payload).zeros(padded - payload.size());
     return b;
 }
 
