@@ -34,17 +34,22 @@ wine_env_start() {
     return 1
   fi
   mkdir -p "$WINEPREFIX"
-  # A server that is already running for this prefix keeps going; a second one exits at once.
-  "$WINESERVER" -p"${VAROFT_WINE_PERSIST:-120}" </dev/null >/dev/null 2>&1 || true
-  if [ ! -f "$WINEPREFIX/system.reg" ]; then
+  if [ ! -f "$WINEPREFIX/.varoft-ready" ]; then
     (
       flock 9
-      if [ ! -f "$WINEPREFIX/system.reg" ]; then
-        echo "wine-env: creating the Wine prefix $WINEPREFIX" >&2
-        "$WINELOADER" wineboot --init </dev/null >"$WINEPREFIX.log" 2>&1
-      fi
-    ) 9>"$WINEPREFIX.lock" || return 1
+      [ -f "$WINEPREFIX/.varoft-ready" ] && exit 0
+      echo "wine-env: creating the Wine prefix $WINEPREFIX" >&2
+      "$WINELOADER" wineboot --init </dev/null >"$WINEPREFIX.log" 2>&1 || exit 1
+      # The server keeps the registry in memory; it is on disk once the server has ended.
+      timeout 60 "$WINESERVER" -w </dev/null >/dev/null 2>&1 || exit 1
+      touch "$WINEPREFIX/.varoft-ready"
+    ) 9>"$WINEPREFIX.lock" || { echo "wine-env: wineboot failed, see $WINEPREFIX.log" >&2; return 1; }
   fi
+  # A server that is already running for this prefix keeps going; a second one exits at once.
+  "$WINESERVER" -p"${VAROFT_WINE_PERSIST:-120}" </dev/null >/dev/null 2>&1 || true
+  # The first program also starts Wine's own service processes, which then live as long as the
+  # server and keep whatever standard streams they inherited: give them /dev/null here.
+  "$WINELOADER" cmd.exe /c exit </dev/null >/dev/null 2>&1 || true
 }
 
 wine_env_stop() {
