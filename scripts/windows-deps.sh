@@ -58,9 +58,23 @@ if [ ${#missing[@]} -gt 0 ]; then
     "${missing[@]}" >/dev/null
 fi
 
-if [ -f "$stamp" ] && [ "$(cat "$stamp")" = "$hash" ]; then
+current() { [ -f "$stamp" ] && [ "$(cat "$stamp")" = "$hash" ]; }
+if current; then
   echo "$prefix"
   exit 0
+fi
+# One build at a time per prefix; a run that waited here may find the work done.
+mkdir -p "$(dirname "$prefix")"
+exec 9>"$prefix.lock"
+flock 9
+if current; then
+  echo "$prefix"
+  exit 0
+fi
+# Only a prefix this script made is ever removed.
+if [ -d "$prefix" ] && [ ! -f "$stamp" ] && [ -n "$(ls -A "$prefix")" ]; then
+  say "$prefix exists and was not made by this script; choose another VAROFT_WINDOWS_PREFIX"
+  exit 1
 fi
 
 # ---- build ----------------------------------------------------------------------------------
@@ -69,12 +83,14 @@ triple=x86_64-w64-mingw32
 export CC=$triple-gcc-posix CXX=$triple-g++-posix AR=$triple-ar RANLIB=$triple-ranlib
 export PKG_CONFIG_LIBDIR=$prefix/lib/pkgconfig PKG_CONFIG_PATH= PKG_CONFIG_SYSROOT_DIR=
 jobs=${JOBS:-2}
-work=$cache/work-$hash
-logs=$cache/logs
+work=$prefix.build
+logs=$prefix.logs
 sources=$cache/sources
 started=$(date +%s)
 
 rm -rf "$prefix" "$work"
+mkdir -p "$prefix"
+echo building >"$stamp"
 mkdir -p "$prefix"/{include,lib/pkgconfig,share} "$work" "$logs" "$sources"
 
 # Runs one step with its output in $logs/<name>.log; on failure shows the log's tail.
