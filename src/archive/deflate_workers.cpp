@@ -14,7 +14,8 @@ namespace {
 constexpr int kLevel = 6;
 constexpr int kRawWindowBits = -15;
 constexpr int kMemLevel = 8;
-constexpr unsigned kMaxWorkers = 16;
+// Each worker needs two block buffers in flight: more would let memory grow with the machine.
+constexpr unsigned kMaxWorkers = 8;
 
 }  // namespace
 
@@ -129,10 +130,7 @@ void DeflateWorkers::run(Worker* worker) {
             queue_.pop_front();
         }
         b->crc = static_cast<std::uint32_t>(crc32(0, b->input.get(), static_cast<uInt>(b->inputSize)));
-        if (!b->stored) {
-            b->result = compress(worker->z, *b);
-            b->input.reset();  // the output is all that is left to deliver
-        }
+        if (!b->stored) b->result = compress(worker->z, *b);
         {
             std::lock_guard<std::mutex> hold(lock_);
             b->done = true;

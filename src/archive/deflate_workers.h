@@ -24,7 +24,7 @@ struct DeflateBlock {
     std::size_t dictionarySize = 0;
     bool stored = false;  // copied as it is; the output is the input
     bool last = false;    // ends the stream (deflate only)
-    // Deflate only: room for the output, made by the submitter (outputBound(inputSize) bytes)
+    // Deflate only: room for the output, made by the submitter (at least outputBound(inputSize))
     // so that the threads do not allocate; replaced by a larger one if it proves too small.
     std::unique_ptr<std::uint8_t[]> output;
     std::size_t outputCapacity = 0;

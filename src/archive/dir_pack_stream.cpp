@@ -27,17 +27,16 @@ namespace {
 
 constexpr std::int32_t kUnsupportedModeBit = 0x1000000;
 // Files are cut into blocks of this size, each deflated by whichever worker is free.
-constexpr std::size_t kBlockSize = std::size_t{1} << 20;
+constexpr std::size_t kBlockSize = std::size_t{1} << 19;
 // Each block after a file's first is primed with this much of the data before it.
 constexpr std::size_t kDictionarySize = 32768;
 // A deflated file below this size surely fits the 32-bit size fields; a larger one is zip64
 // from its local header on. A file that grows past it while being read is cut there.
 constexpr std::uint64_t kDeflate32Limit = 0xFF000000u;
 constexpr std::uint64_t kStored32Limit = 0xFFFFFFFFu;
-// File data read ahead: this many blocks beyond the workers' count, and never more than
-// kMaxAheadBytes, so memory stays flat whatever the tree.
-constexpr std::size_t kAheadBlocks = 2;
-constexpr std::size_t kMaxAheadBytes = 8 * kBlockSize;
+// Blocks read ahead: one more than there are workers, so none waits for the walk; with the one
+// being delivered, the buffers in use stay this few whatever the tree.
+constexpr std::size_t kAheadBlocks = 1;
 // Records queued ahead at most (a tree of many empty files or directories).
 constexpr std::size_t kMaxQueued = 4096;
 
@@ -84,8 +83,11 @@ struct PackStream {
     WalkFile file;
     bool walkOver = false;
     std::deque<Item> queue;
-    std::size_t queuedBytes = 0;  // file data in queued blocks
-    std::size_t aheadLimit = 0;
+    std::size_t queuedBlocks = 0;
+    std::size_t aheadLimit = 0;  // blocks
+    // Block buffers are reused rather than freed: a steady few keep the heap from fragmenting.
+    std::vector<std::unique_ptr<std::uint8_t[]>> spareInputs;
+    std::vector<std::unique_ptr<std::uint8_t[]>> spareOutputs;
 
     // The reader's side: what it is being given.
     std::unique_ptr<ziprec::Entry> entry;  // the file whose data is being delivered
@@ -140,43 +142,52 @@ void endWalkFile(PackStream* s) {
     s->file = WalkFile{};
 }
 
+std::unique_ptr<std::uint8_t[]> takeBuffer(std::vector<std::unique_ptr<std::uint8_t[]>>& spares, std::size_t size) {
+    if (spares.empty()) return std::unique_ptr<std::uint8_t[]>(new (std::nothrow) std::uint8_t[size]);
+    auto buffer = std::move(spares.back());
+    spares.pop_back();
+    return buffer;
+}
+
+// Takes back the buffers of a delivered block.
+void recycle(PackStream* s, std::unique_ptr<DeflateBlock> block) {
+    if (!block) return;
+    if (block->input) s->spareInputs.push_back(std::move(block->input));
+    if (block->output && block->outputCapacity == DeflateWorkers::outputBound(kBlockSize))
+        s->spareOutputs.push_back(std::move(block->output));
+}
+
 // Reads the open file's next block and hands it to the workers; the block that ends the file
 // ends its deflate stream too.
 void readBlock(PackStream* s) {
     WalkFile& f = s->file;
     const auto want = static_cast<std::size_t>(std::min<std::uint64_t>(kBlockSize, f.limit - f.read));
-    // Room for what the listing promised and one byte more, to see the end without a second read.
-    std::size_t capacity = static_cast<std::size_t>(
-        std::min<std::uint64_t>(want, (f.sizeHint > f.read ? f.sizeHint - f.read : 0) + 1));
     auto block = std::unique_ptr<DeflateBlock>(new (std::nothrow) DeflateBlock);
-    if (block) block->input.reset(new (std::nothrow) std::uint8_t[std::max<std::size_t>(capacity, 1)]);
-    if (!block || !block->input) {
-        fail(s, MZ_MEM_ERROR);
-        f.failure = MZ_MEM_ERROR;
-        block.reset();
+    if (block) {
+        block->input = takeBuffer(s->spareInputs, kBlockSize);
+        if (!f.stored) {
+            block->outputCapacity = DeflateWorkers::outputBound(kBlockSize);
+            block->output = takeBuffer(s->spareOutputs, block->outputCapacity);
+        }
     }
+    if (!block || !block->input || (!f.stored && !block->output)) {
+        // Out of memory: the file's data cannot be completed.
+        fail(s, MZ_MEM_ERROR);
+        if (f.failure == 0) f.failure = MZ_MEM_ERROR;
+        endWalkFile(s);
+        return;
+    }
+    std::uint8_t* const data = block->input.get();
     std::size_t n = 0;
-    bool end = !block;
-    while (!end && n < want) {
-        if (n == capacity) {
-            auto* grown = new (std::nothrow) std::uint8_t[want];
-            if (!grown) {
-                fail(s, MZ_MEM_ERROR);
-                if (!f.failure) f.failure = MZ_MEM_ERROR;
-                end = true;
-                break;
-            }
-            std::memcpy(grown, block->input.get(), n);
-            block->input.reset(grown);
-            capacity = want;
-        }
+    bool end = false;
+    while (n < want) {
         if (f.padding) {
-            std::memset(block->input.get() + n, 0, capacity - n);
-            n = capacity;
-            continue;
+            std::memset(data + n, 0, want - n);
+            n = want;
+            break;
         }
-        const std::int32_t got = mz_stream_read(f.stream.get(), block->input.get() + n,
-                                                static_cast<std::int32_t>(std::min<std::size_t>(capacity - n, INT32_MAX)));
+        const std::int32_t got =
+            mz_stream_read(f.stream.get(), data + n, static_cast<std::int32_t>(std::min<std::size_t>(want - n, INT32_MAX)));
         if (got > 0) {
             n += static_cast<std::size_t>(got);
             continue;
@@ -188,40 +199,34 @@ void readBlock(PackStream* s) {
             continue;
         }
         end = true;
+        break;
     }
     f.read += n;
     if (f.read >= f.limit) end = true;
 
-    if (block) {
-        block->inputSize = n;
-        block->stored = f.stored;
-        block->last = end;
-        if (!f.stored) {
-            block->outputCapacity = DeflateWorkers::outputBound(n);
-            block->output.reset(new (std::nothrow) std::uint8_t[block->outputCapacity]);
-            block->dictionary = std::move(f.tail);
-            block->dictionarySize = block->dictionary ? kDictionarySize : 0;
-            if (!end) {
-                // Only full blocks are followed by another one.
-                f.tail.reset(new (std::nothrow) std::uint8_t[kDictionarySize]);
-                if (f.tail) std::memcpy(f.tail.get(), block->input.get() + n - kDictionarySize, kDictionarySize);
-            }
-            if (!block->output || (!end && !f.tail)) {
+    block->inputSize = n;
+    block->stored = f.stored;
+    block->last = end;
+    if (!f.stored) {
+        block->dictionary = std::move(f.tail);
+        block->dictionarySize = block->dictionary ? kDictionarySize : 0;
+        if (!end) {
+            // Only full blocks are followed by another one.
+            f.tail.reset(new (std::nothrow) std::uint8_t[kDictionarySize]);
+            if (!f.tail) {
                 fail(s, MZ_MEM_ERROR);
-                block.reset();
+                if (f.failure == 0) f.failure = MZ_MEM_ERROR;
+                block->last = end = true;
+            } else {
+                std::memcpy(f.tail.get(), data + n - kDictionarySize, kDictionarySize);
             }
         }
     }
-    if (block) {
-        DeflateBlock* b = block.get();
-        queueItem(s, ItemKind::Block);
-        s->queue.back().block = std::move(block);
-        s->queuedBytes += n;
-        s->workers.submit(b);
-    } else if (!end) {
-        // Out of memory in the middle of a file: its data stream cannot be completed.
-        end = true;
-    }
+    DeflateBlock* b = block.get();
+    queueItem(s, ItemKind::Block);
+    s->queue.back().block = std::move(block);
+    ++s->queuedBlocks;
+    s->workers.submit(b);
     if (end) endWalkFile(s);
 }
 
@@ -304,7 +309,7 @@ void leaveDirectory(PackStream* s) {
 
 // Walks on until the read-ahead is full.
 void walkAhead(PackStream* s) {
-    while (!s->walkOver && s->queuedBytes < s->aheadLimit && s->queue.size() < kMaxQueued) {
+    while (!s->walkOver && s->queuedBlocks < s->aheadLimit && s->queue.size() < kMaxQueued) {
         if (s->file.stream) {
             readBlock(s);
             continue;
@@ -331,7 +336,7 @@ void nextSegment(PackStream* s) {
     Item item = std::move(s->queue.front());
     s->queue.pop_front();
     s->records.clear();
-    s->segmentBlock.reset();
+    recycle(s, std::move(s->segmentBlock));
     switch (item.kind) {
         case ItemKind::Directory:
             item.entry->offset = static_cast<std::uint64_t>(s->produced);
@@ -355,7 +360,7 @@ void nextSegment(PackStream* s) {
         case ItemKind::Block: {
             DeflateBlock* b = item.block.get();
             s->workers.waitFor(b);
-            s->queuedBytes -= b->inputSize;
+            --s->queuedBlocks;
             if (b->result != MZ_OK) fail(s, b->result);
             ziprec::Entry& e = *s->entry;
             e.crc = static_cast<std::uint32_t>(crc32_combine(e.crc, b->crc, static_cast<z_off_t>(b->inputSize)));
@@ -427,7 +432,7 @@ std::int32_t packOpen(void* stream, const char* path, std::int32_t mode) {
         s->current.reader.close();
         return MZ_MEM_ERROR;
     }
-    s->aheadLimit = std::min((s->workers.count() + kAheadBlocks) * kBlockSize, kMaxAheadBytes);
+    s->aheadLimit = s->workers.count() + kAheadBlocks;
     s->isOpen = true;
     return MZ_OK;
 }
@@ -508,8 +513,10 @@ std::int32_t packClose(void* stream) {
     // The workers let go of every block before the blocks go.
     s->workers.stop();
     s->queue.clear();
-    s->queuedBytes = 0;
+    s->queuedBlocks = 0;
     s->segmentBlock.reset();
+    s->spareInputs.clear();
+    s->spareOutputs.clear();
     s->segmentLeft = 0;
     s->entry.reset();
     s->records = {};

@@ -47,8 +47,8 @@ TreeImage unpacked(const Bytes& archive) {
     return imageOf(out.path());
 }
 
-// Files that span several 1 MiB blocks: a compressible one of 2.5 MiB, one of exactly one block
-// and a stored one of 1.5 MiB.
+// Files that span several blocks: a compressible one of 2.5 MiB, one of exactly 1 MiB (a whole
+// number of blocks) and a stored one of 1.5 MiB.
 void addLargeFiles(const fs::path& root) {
     std::string text;
     for (int i = 0; text.size() < 2621440; ++i) text += "block " + std::to_string(i * 7919 % 100003) + " spans workers\n";
