@@ -332,11 +332,14 @@ void setSegment(PackStream* s, const std::uint8_t* data, std::size_t size) {
 
 // Turns the next queued step into the bytes to deliver.
 void nextSegment(PackStream* s) {
+    recycle(s, std::move(s->segmentBlock));
     walkAhead(s);
     Item item = std::move(s->queue.front());
     s->queue.pop_front();
+    if (item.kind == ItemKind::Block) --s->queuedBlocks;
+    // The workers get the next block before this one is waited for.
+    walkAhead(s);
     s->records.clear();
-    recycle(s, std::move(s->segmentBlock));
     switch (item.kind) {
         case ItemKind::Directory:
             item.entry->offset = static_cast<std::uint64_t>(s->produced);
@@ -360,7 +363,6 @@ void nextSegment(PackStream* s) {
         case ItemKind::Block: {
             DeflateBlock* b = item.block.get();
             s->workers.waitFor(b);
-            --s->queuedBlocks;
             if (b->result != MZ_OK) fail(s, b->result);
             ziprec::Entry& e = *s->entry;
             e.crc = static_cast<std::uint32_t>(crc32_combine(e.crc, b->crc, static_cast<z_off_t>(b->inputSize)));
