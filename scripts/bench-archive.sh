@@ -1,18 +1,22 @@
-#!/usr/bin/env bash
-# Benchmarks the archive streams beside their peers, in one run, and prints a table:
-#   pack:   DirPackStream (archive_bench pack), zip -r -6 -q, bsdtar --format zip (deflate level 6)
+# Benchmarks the archive streams beside their peers and prints a table:
+#   pack:   DirPackStream (archive_bench pack; one worker per core, and again with one worker),
+#           zip -r -6 -q, bsdtar --format zip (deflate level 6)
 #   unpack: DirUnpackStream (archive_bench unpack), unzip -q, bsdtar -xf, all of zip's archive
-# MB/s counts the tree's uncompressed bytes (1 MB = 10^6 bytes); the ratio is against the
-# faster peer (above 1 is faster); peak RSS comes from /usr/bin/time (%M). The CPU columns (user +
-# system seconds) compare the work done, which holds up better than wall time when the cores are
-# shared.
+# Every figure is the median of BENCH_RUNS runs (default 5) with the smallest and largest beside
+# it; the tools take turns in an order that is reversed every other run, so none always runs
+# first. MB/s counts the tree's uncompressed bytes (1 MB = 10^6 bytes); "vs peer" is against the
+# faster peer's median (above 1 is faster); the CPU columns (user and system seconds) show how the
+# work is spread, which holds up better than wall time when the cores are shared; peak RSS
+# (/usr/bin/time %M) is the largest of the runs.
 # The generated tree (a few thousand mixed files, ~300 MB, plus one 100 MB file) is kept in
-# $BENCH_DIR (default /tmp/varoft-bench) for later runs; delete it to regenerate. BENCH_MB and
-# BENCH_BIG_MB scale the generated tree (for a quick check of the script itself).
+# $BENCH_DIR (default $TMPDIR/varoft-bench, /var/tmp when TMPDIR is unset) for later runs; delete
+# it to regenerate. BENCH_MB and BENCH_BIG_MB scale the generated tree (for a quick check of the
+# script itself).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
-bench_dir=${BENCH_DIR:-/tmp/varoft-bench}
+bench_dir=${BENCH_DIR:-${TMPDIR:-/var/tmp}/varoft-bench}
+runs=${BENCH_RUNS:-5}
 tree=$bench_dir/tree
 bin=$root/build/bench/archive_bench
 
@@ -91,43 +95,67 @@ measure() {
     exit 1
   fi
   read -r seconds user system rss_kb < <(tail -n 1 "$out/time.txt")
-  echo "$op $tool $seconds $user $system $rss_kb" >> "$results"
+  echo "$op|$tool|$seconds|$user|$system|$rss_kb" >> "$results"
 }
 
-echo "packing ..." >&2
-measure pack DirPackStream "$bin" pack tree "$out/ours.zip"
-measure pack "zip -6" zip -r -6 -q "$out/zip.zip" tree
-measure pack bsdtar bsdtar --format zip --options zip:compression-level=6 -cf "$out/bsdtar.zip" tree
+pack_one() {
+  case $1 in
+    ours)   measure pack "DirPackStream" "$bin" pack tree "$out/ours.zip" ;;
+    ours1)  measure pack "DirPackStream, 1 worker" env VAROFT_PACK_WORKERS=1 "$bin" pack tree "$out/ours1.zip" ;;
+    zip)    rm -f "$out/zip.zip"; measure pack "zip -6" zip -r -6 -q "$out/zip.zip" tree ;;
+    bsdtar) measure pack bsdtar bsdtar --format zip --options zip:compression-level=6 -cf "$out/bsdtar.zip" tree ;;
+  esac
+}
+unpack_one() {
+  rm -rf "$out/x-$1" && mkdir -p "$out/x-$1"
+  case $1 in
+    ours)   measure unpack DirUnpackStream "$bin" unpack "$out/zip.zip" "$out/x-ours" ;;
+    unzip)  measure unpack unzip unzip -q "$out/zip.zip" -d "$out/x-unzip" ;;
+    bsdtar) measure unpack bsdtar bsdtar -xf "$out/zip.zip" -C "$out/x-bsdtar" ;;
+  esac
+}
+# in_turn <run> <items...>: the items, reversed on odd runs.
+in_turn() {
+  local run=$1
+  shift
+  if [ $((run % 2)) -eq 0 ]; then printf '%s\n' "$@"; else printf '%s\n' "$@" | tac; fi
+}
 
-echo "unpacking ..." >&2
-for t in ours unzip bsdtar; do mkdir -p "$out/x-$t"; done
-measure unpack DirUnpackStream "$bin" unpack "$out/zip.zip" "$out/x-ours"
-measure unpack unzip unzip -q "$out/zip.zip" -d "$out/x-unzip"
-measure unpack bsdtar bsdtar -xf "$out/zip.zip" -C "$out/x-bsdtar"
+for run in $(seq 0 $((runs - 1))); do
+  echo "run $((run + 1)) of $runs ..." >&2
+  for t in $(in_turn "$run" ours ours1 zip bsdtar); do pack_one "$t"; done
+  for t in $(in_turn "$run" ours unzip bsdtar); do unpack_one "$t"; done
+done
 
-# Not timed: our archive is sound and our extraction is complete.
+# Not timed: our archive is sound, the same at one worker, and our extraction is complete.
 unzip -tq "$out/ours.zip" >/dev/null || { echo "bench-archive: unzip -t rejects our archive" >&2; exit 1; }
+cmp -s "$out/ours.zip" "$out/ours1.zip" || { echo "bench-archive: one worker packs other bytes" >&2; exit 1; }
 diff -rq "$tree" "$out/x-ours/tree" >/dev/null || { echo "bench-archive: our extraction differs" >&2; exit 1; }
 
 sizes="ours.zip $(stat -c %s "$out/ours.zip") zip.zip $(stat -c %s "$out/zip.zip") bsdtar.zip $(stat -c %s "$out/bsdtar.zip")"
-python3 - "$results" "$tree_bytes" "$tree_files" "$sizes" <<'PY'
-import sys
-rows = [l.split() for l in open(sys.argv[1])]
-tree_bytes, files = int(sys.argv[2]), int(sys.argv[3])
-parsed = []
-for r in rows:
-    op, tool = r[0], ' '.join(r[1:-4])
-    secs, cpu, rss = float(r[-4]), float(r[-3]) + float(r[-2]), int(r[-1])
-    parsed.append((op, tool, secs, cpu, rss))
-print('tree: %d files, %.1f MB; archive sizes: %s' % (files, tree_bytes / 1e6, sys.argv[4]))
-print('%-7s %-16s %8s %8s %8s %8s %9s %8s' % ('op', 'tool', 'seconds', 'MB/s', 'vs peer', 'CPU s', 'CPU vs', 'RSS MiB'))
+python3 - "$results" "$tree_bytes" "$tree_files" "$sizes" "$runs" <<'PY'
+import statistics, sys
+rows = [l.rstrip('\n').split('|') for l in open(sys.argv[1])]
+tree_bytes, files, runs = int(sys.argv[2]), int(sys.argv[3]), int(sys.argv[5])
+sizes = sys.argv[4].split()
+sizes = dict(zip(sizes[::2], map(int, sizes[1::2])))
+groups = {}
+for op, tool, secs, user, system, rss in rows:
+    groups.setdefault((op, tool), []).append((float(secs), float(user), float(system), int(rss)))
+print('tree: %d files, %.1f MB; %d runs per figure; archive bytes: ours %d, zip -6 %d, bsdtar %d (ours %+.2f %% of bsdtar)' % (
+    files, tree_bytes / 1e6, runs, sizes['ours.zip'], sizes['zip.zip'], sizes['bsdtar.zip'],
+    100.0 * (sizes['ours.zip'] / sizes['bsdtar.zip'] - 1)))
+print('%-7s %-24s %8s %15s %7s %8s %7s %7s %8s' % (
+    'op', 'tool', 'seconds', '(min-max)', 'MB/s', 'vs peer', 'user s', 'sys s', 'RSS MiB'))
+median = statistics.median
 for op in ('pack', 'unpack'):
-    group = [p for p in parsed if p[0] == op]
-    peers = [p for p in group if not p[1].startswith('Dir')]
-    best_wall = min(p[2] for p in peers)
-    best_cpu = min(p[3] for p in peers)
-    for _, tool, secs, cpu, rss in group:
-        print('%-7s %-16s %8.2f %8.1f %7.2fx %8.2f %8.2fx %8.1f' % (
-            op, tool, secs, tree_bytes / 1e6 / max(secs, 0.01), best_wall / max(secs, 0.01),
-            cpu, best_cpu / max(cpu, 0.01), rss / 1024))
+    tools = [t for (o, t) in groups if o == op]
+    best = min(median(r[0] for r in groups[(op, t)]) for t in tools if not t.startswith('Dir'))
+    for tool in tools:
+        g = groups[(op, tool)]
+        secs = median(r[0] for r in g)
+        print('%-7s %-24s %8.2f %15s %7.1f %7.2fx %7.2f %7.2f %8.1f' % (
+            op, tool, secs, '(%.2f-%.2f)' % (min(r[0] for r in g), max(r[0] for r in g)),
+            tree_bytes / 1e6 / max(secs, 0.01), best / max(secs, 0.01),
+            median(r[1] for r in g), median(r[2] for r in g), max(r[3] for r in g) / 1024))
 PY

@@ -3,17 +3,22 @@
 #   scripts/build.sh            -> build/        (optimised, with debug info)
 #   scripts/build.sh asan       -> build-asan/   (AddressSanitizer + UndefinedBehaviorSanitizer)
 #   scripts/build.sh fuzz       -> build-fuzz/   (clang, libFuzzer targets)
+#   scripts/build.sh tsan       -> build-tsan/   (ThreadSanitizer; the archive tests only)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 flavour=${1:-release}
 jobs=${JOBS:-$(nproc)}
+targets=()
 case "$flavour" in
   release) dir=build;      args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo) ;;
   asan)    dir=build-asan; args=(-DCMAKE_BUILD_TYPE=Debug -DVAROFT_SANITIZE=ON -DVAROFT_BENCH=OFF) ;;
+  tsan)    dir=build-tsan; args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DVAROFT_BENCH=OFF
+                                 -DCMAKE_CXX_FLAGS=-fsanitize=thread -DCMAKE_EXE_LINKER_FLAGS=-fsanitize=thread)
+           targets=(--target archive_tests) ;;
   fuzz)    dir=build-fuzz; args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
                                  -DVAROFT_FUZZ=ON -DVAROFT_TESTS=OFF -DVAROFT_BENCH=OFF) ;;
   *) echo "build.sh: unknown flavour $flavour" >&2; exit 2 ;;
 esac
 # Warnings are errors here and in CI (VAROFT_WERROR); a plain cmake build only reports them.
 cmake -S . -B "$dir" -G Ninja -DVAROFT_WERROR=ON "${args[@]}" >/dev/null
-cmake --build "$dir" -j "$jobs"
+cmake --build "$dir" -j "$jobs" "${targets[@]}"

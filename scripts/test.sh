@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs the whole test suite: once optimised, once under
-# AddressSanitizer + UndefinedBehaviorSanitizer, and a short fuzzing run.
+# AddressSanitizer + UndefinedBehaviorSanitizer, the archive tests under ThreadSanitizer, and a
+# short fuzzing run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
@@ -18,6 +19,10 @@ echo "== build (sanitizers)"
 bash scripts/build.sh asan
 echo "== tests (sanitizers)"
 ctest --test-dir build-asan --output-on-failure -j "$jobs"
+
+echo "== archive tests (thread sanitizer)"
+bash scripts/build.sh tsan
+TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1} build-tsan/tests/archive/archive_tests --gtest_brief=1
 
 if [ -f tests/fuzz/CMakeLists.txt ]; then
   echo "== fuzzing (short run)"

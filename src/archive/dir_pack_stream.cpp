@@ -1,10 +1,11 @@
 #include "archive/dir_pack_stream.h"
 
-#include <archive.h>
-#include <archive_entry.h>
+#include <zlib.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
+#include <deque>
 #include <memory>
 #include <new>
 #include <span>
@@ -12,24 +13,32 @@
 #include <vector>
 
 #include "archive/byte_buffer.h"
+#include "archive/deflate_workers.h"
 #include "archive/mz_stream.h"
 #include "archive/mz_strm_os.h"
-#include "common/bytes.h"
+#include "archive/zip_records.h"
 #include "platform/platform.h"
+
+// The ZIP records are written here rather than by libarchive: its writer compresses every entry
+// itself, on the calling thread, and cannot take data compressed elsewhere; here the walk reads
+// files ahead into blocks that worker threads deflate while the reader takes the archive in order.
 
 namespace {
 
 constexpr std::int32_t kUnsupportedModeBit = 0x1000000;
-// Files are handed to the writer in steps of at most this many bytes.
-constexpr std::int32_t kFileStep = 65535;
-constexpr const char* kWriterOptions = "zip:compression=deflate,zip:compression-level=6,zip:hdrcharset=UTF-8";
-
-struct WriterDeleter {
-    void operator()(archive* a) const { archive_write_free(a); }
-};
-struct EntryDeleter {
-    void operator()(archive_entry* e) const { archive_entry_free(e); }
-};
+// Files are cut into blocks of this size, each deflated by whichever worker is free.
+constexpr std::size_t kBlockSize = std::size_t{1} << 19;
+// Each block after a file's first is primed with this much of the data before it.
+constexpr std::size_t kDictionarySize = 32768;
+// A deflated file below this size surely fits the 32-bit size fields; a larger one is zip64
+// from its local header on. A file that grows past it while being read is cut there.
+constexpr std::uint64_t kDeflate32Limit = 0xFF000000u;
+constexpr std::uint64_t kStored32Limit = 0xFFFFFFFFu;
+// Blocks read ahead: one more than there are workers, so none waits for the walk; with the one
+// being delivered, the buffers in use stay this few whatever the tree.
+constexpr std::size_t kAheadBlocks = 1;
+// Records queued ahead at most (a tree of many empty files or directories).
+constexpr std::size_t kMaxQueued = 4096;
 
 // A directory being listed and its path (ending in '/').
 struct DirFrame {
@@ -37,22 +46,62 @@ struct DirFrame {
     std::string path;
 };
 
-// Which header records the writer's output holds while it is being patched.
-enum class Patching : std::uint8_t { None, LocalHeader, CentralHeaders };
+enum class ItemKind : std::uint8_t { Directory, FileStart, Block, FileEnd, End };
+
+// One step of the archive. The walk queues them in archive order; the reader turns each into
+// bytes when it gets there.
+struct Item {
+    ItemKind kind = ItemKind::End;
+    std::unique_ptr<ziprec::Entry> entry;  // Directory, FileStart
+    std::int64_t size = 0;                 // FileStart: the file's size when it was listed
+    std::unique_ptr<DeflateBlock> block;   // Block
+    std::int32_t error = 0;                // FileEnd: a read failure, kept once the reader gets here
+};
+
+// The file the walk is reading.
+struct WalkFile {
+    MzStreamPtr stream;
+    bool stored = false;
+    bool padding = false;      // a stored file ended early: zeros up to the size already announced
+    std::int32_t failure = 0;  // the first read failure
+    std::uint64_t read = 0;
+    std::uint64_t limit = 0;   // what it may give at most
+    std::uint64_t sizeHint = 0;
+    std::unique_ptr<std::uint8_t[]> tail;  // the last kDictionarySize bytes read, for the next block
+};
 
 struct PackStream {
     mz_stream header;
-    std::unique_ptr<archive, WriterDeleter> writer;
-    bool writerClosed = false;  // the walk is over and the central directory was emitted
-    bool entryOpen = false;     // the writer has a file entry open
-    bool discard = false;       // while closing: what the writer still emits is dropped
-    MzStreamPtr file;
+    bool isOpen = false;
+    unsigned workerCount = 0;  // 0: the machine's (DeflateWorkers::defaultCount)
+    DeflateWorkers workers;
+
+    // The walk, ahead of the reader.
     std::string rootPath;
-    std::string entryName;
     std::vector<DirFrame> stack;  // suspended parents, innermost last
     DirFrame current;
+    WalkFile file;
+    bool walkOver = false;
+    std::deque<Item> queue;
+    std::size_t queuedBlocks = 0;
+    std::size_t aheadLimit = 0;  // blocks
+    // Block buffers are reused rather than freed: a steady few keep the heap from fragmenting.
+    std::vector<std::unique_ptr<std::uint8_t[]>> spareInputs;
+    std::vector<std::unique_ptr<std::uint8_t[]>> spareOutputs;
+
+    // The reader's side: what it is being given.
+    std::unique_ptr<ziprec::Entry> entry;  // the file whose data is being delivered
+    std::string entryName;
     std::int64_t entrySize = 0;
     std::int64_t entryDone = 0;
+    bool finished = false;  // the central directory is being delivered: the walk is over
+    ziprec::Bytes records;  // the current header or descriptor
+    std::unique_ptr<DeflateBlock> segmentBlock;
+    const std::uint8_t* segment = nullptr;
+    std::size_t segmentLeft = 0;
+    ziprec::Bytes central;
+    std::uint64_t entries = 0;
+
     std::int64_t produced = 0;
     std::int32_t error = 0;
     std::uint8_t* readerBuffer = nullptr;
@@ -62,10 +111,6 @@ struct PackStream {
     PackMethodCallback method = nullptr;
     void* progressUser = nullptr;
     PackProgressCallback progress = nullptr;
-    std::unique_ptr<archive_entry, EntryDeleter> entry;
-    std::unique_ptr<std::uint8_t[]> fileBuffer;
-    Patching patching = Patching::None;
-    std::vector<std::uint8_t> record;  // a header record gathered until it is whole
 };
 
 PackStream* self(void* stream) { return static_cast<PackStream*>(stream); }
@@ -74,174 +119,126 @@ void fail(PackStream* s, std::int32_t code) {
     if (s->error == 0) s->error = code;
 }
 
-// ---- the name flag -------------------------------------------------------------------------
-//
-// Every entry whose name is valid UTF-8 carries the UTF-8 name flag, plain ASCII included; a
-// name that is not (POSIX names are any bytes) keeps its bytes with the flag clear, so strict
-// readers take it as code page 437 instead of rejecting the archive. The zip writer sets the
-// flag by its own rule (for every name that is not plain ASCII, valid or not), and none of its
-// options or pathname forms changes that. So the header records it writes, local headers in
-// archive_write_header and central-directory headers in archive_write_close, are gathered here
-// whole and get the flag by the name they hold before they go on; everything else passes as it
-// comes. The flag is in no check sum.
+// ---- the walk ---------------------------------------------------------------------------------
 
-constexpr std::uint16_t kUtf8NameFlag = 0x0800;
-constexpr std::uint32_t kLocalHeaderSignature = 0x04034b50;
-constexpr std::uint32_t kCentralHeaderSignature = 0x02014b50;
-
-bool isValidUtf8(std::span<const std::uint8_t> text) {
-    std::size_t i = 0;
-    while (i < text.size()) {
-        const std::uint8_t lead = text[i];
-        if (lead < 0x80) {
-            ++i;
-            continue;
-        }
-        std::size_t length;
-        std::uint32_t code;
-        if ((lead & 0xE0) == 0xC0) {
-            length = 2, code = lead & 0x1Fu;
-        } else if ((lead & 0xF0) == 0xE0) {
-            length = 3, code = lead & 0x0Fu;
-        } else if ((lead & 0xF8) == 0xF0) {
-            length = 4, code = lead & 0x07u;
-        } else {
-            return false;
-        }
-        if (text.size() - i < length) return false;
-        for (std::size_t k = 1; k < length; ++k) {
-            if ((text[i + k] & 0xC0) != 0x80) return false;
-            code = code << 6 | (text[i + k] & 0x3Fu);
-        }
-        // No overlong forms, no surrogates, nothing beyond U+10FFFF.
-        constexpr std::uint32_t kShortest[] = {0, 0, 0x80, 0x800, 0x10000};
-        if (code < kShortest[length] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return false;
-        i += length;
-    }
-    return true;
-}
-
-std::int32_t forward(PackStream* s, std::span<const std::uint8_t> bytes) {
-    if (bytes.empty()) return MZ_OK;
-    const std::int32_t rc = mz_stream_write(s, bytes.data(), static_cast<std::int32_t>(bytes.size()));
-    return rc < 0 ? rc : MZ_OK;
-}
-
-// Sends on what was gathered as it is and stops patching.
-std::int32_t stopPatching(PackStream* s) {
-    s->patching = Patching::None;
-    const std::int32_t rc = forward(s, s->record);
-    s->record.clear();
-    return rc;
-}
-
-// Gathers header bytes; each whole record goes on with its flag set by its name.
-std::int32_t patchHeaders(PackStream* s, std::span<const std::uint8_t> bytes) {
-    const bool local = s->patching == Patching::LocalHeader;
-    const std::size_t fixed = local ? 30 : 46;
-    while (!bytes.empty() && s->patching != Patching::None) {
-        std::size_t whole = s->record.size() < 4 ? 4 : fixed;
-        if (s->record.size() >= fixed) {
-            const std::size_t at = local ? 26 : 28;
-            whole += bytes::get16(s->record, at) + std::size_t{bytes::get16(s->record, at + 2)};
-            if (!local) whole += bytes::get16(s->record, 32);
-        }
-        const std::size_t take = std::min(bytes.size(), whole - s->record.size());
-        s->record.insert(s->record.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(take));
-        bytes = bytes.subspan(take);
-        if (s->record.size() < whole) continue;
-        if (whole == 4) {
-            // Anything but the expected header (the end records after the central directory).
-            if (bytes::get32(s->record, 0) != (local ? kLocalHeaderSignature : kCentralHeaderSignature)) {
-                if (const std::int32_t rc = stopPatching(s); rc != MZ_OK) return rc;
-            }
-            continue;
-        }
-        if (whole == fixed) continue;  // the lengths are known now
-        const std::size_t flagAt = local ? 6 : 8;
-        const std::uint16_t nameLength = bytes::get16(s->record, local ? 26 : 28);
-        std::uint16_t flag = bytes::get16(s->record, flagAt);
-        flag = isValidUtf8(std::span(s->record).subspan(fixed, nameLength)) ? flag | kUtf8NameFlag
-                                                                             : flag & ~kUtf8NameFlag;
-        s->record[flagAt] = static_cast<std::uint8_t>(flag);
-        s->record[flagAt + 1] = static_cast<std::uint8_t>(flag >> 8);
-        if (const std::int32_t rc = forward(s, s->record); rc != MZ_OK) return rc;
-        s->record.clear();
-        if (local) s->patching = Patching::None;  // one local header per entry
-    }
-    return forward(s, bytes);
-}
-
-la_ssize_t writerOutput(archive* /*a*/, void* client, const void* buffer, size_t length) {
-    PackStream* s = self(client);
-    if (s->discard) return static_cast<la_ssize_t>(length);
-    const std::span<const std::uint8_t> bytes(static_cast<const std::uint8_t*>(buffer), length);
-    const std::int32_t rc = s->patching == Patching::None ? forward(s, bytes) : patchHeaders(s, bytes);
-    return rc < 0 ? ARCHIVE_FATAL : static_cast<la_ssize_t>(length);
-}
-
-// Writes an entry's header with its name flag put right.
-int writeHeader(PackStream* s, archive_entry* e) {
-    s->patching = Patching::LocalHeader;
-    const int rc = archive_write_header(s->writer.get(), e);
-    if (stopPatching(s) != MZ_OK) return ARCHIVE_FATAL;
-    return rc;
-}
-
-// Fills the entry record shared by directories and files.
-archive_entry* prepareEntry(PackStream* s, const std::string& name, const platform::Status& st, bool directory) {
-    if (!s->entry) s->entry.reset(archive_entry_new());
-    archive_entry* e = s->entry.get();
-    if (!e) return nullptr;
-    archive_entry_clear(e);
-    archive_entry_set_pathname_utf8(e, name.c_str());
-    archive_entry_set_filetype(e, directory ? AE_IFDIR : AE_IFREG);
-    archive_entry_set_perm(e, directory ? 0755 : 0644);
-    archive_entry_set_size(e, directory ? 0 : static_cast<la_int64_t>(st.size));
-    archive_entry_set_mtime(e, static_cast<time_t>(st.mtime), 0);
+std::unique_ptr<ziprec::Entry> newEntry(std::string name, const platform::Status& st) {
+    auto e = std::unique_ptr<ziprec::Entry>(new (std::nothrow) ziprec::Entry);
+    if (!e) return e;
+    e->name = std::move(name);
+    e->mtime = st.mtime;
+    e->dosTime = ziprec::dosDateTime(st.mtime);
     return e;
 }
 
-void endFile(PackStream* s) {
-    if (s->entryOpen) archive_write_finish_entry(s->writer.get());
-    s->entryOpen = false;
-    if (s->file) {
-        mz_stream_close(s->file.get());
-        s->file.reset();
-    }
-    s->entryDone = s->entrySize;
+void queueItem(PackStream* s, ItemKind kind) {
+    s->queue.emplace_back();
+    s->queue.back().kind = kind;
 }
 
-// Feeds the next step of the open file to the writer.
-void continueFile(PackStream* s) {
-    if (!s->entryOpen) {
-        fail(s, MZ_PARAM_ERROR);
-        endFile(s);
-        return;
-    }
-    const std::int32_t n = mz_stream_read(s->file.get(), s->fileBuffer.get(), kFileStep);
-    if (n > 0) {
-        const la_ssize_t taken = archive_write_data(s->writer.get(), s->fileBuffer.get(), static_cast<size_t>(n));
-        if (taken != n) {
-            fail(s, MZ_WRITE_ERROR);
-            endFile(s);
-            return;
+void endWalkFile(PackStream* s) {
+    queueItem(s, ItemKind::FileEnd);
+    s->queue.back().error = s->file.failure;
+    mz_stream_close(s->file.stream.get());
+    s->file = WalkFile{};
+}
+
+std::unique_ptr<std::uint8_t[]> takeBuffer(std::vector<std::unique_ptr<std::uint8_t[]>>& spares, std::size_t size) {
+    if (spares.empty()) return std::unique_ptr<std::uint8_t[]>(new (std::nothrow) std::uint8_t[size]);
+    auto buffer = std::move(spares.back());
+    spares.pop_back();
+    return buffer;
+}
+
+// Takes back the buffers of a delivered block.
+void recycle(PackStream* s, std::unique_ptr<DeflateBlock> block) {
+    if (!block) return;
+    if (block->input) s->spareInputs.push_back(std::move(block->input));
+    if (block->output && block->outputCapacity == DeflateWorkers::outputBound(kBlockSize))
+        s->spareOutputs.push_back(std::move(block->output));
+}
+
+// Reads the open file's next block and hands it to the workers; the block that ends the file
+// ends its deflate stream too.
+void readBlock(PackStream* s) {
+    WalkFile& f = s->file;
+    const auto want = static_cast<std::size_t>(std::min<std::uint64_t>(kBlockSize, f.limit - f.read));
+    auto block = std::unique_ptr<DeflateBlock>(new (std::nothrow) DeflateBlock);
+    if (block) {
+        block->input = takeBuffer(s->spareInputs, kBlockSize);
+        if (!f.stored) {
+            block->outputCapacity = DeflateWorkers::outputBound(kBlockSize);
+            block->output = takeBuffer(s->spareOutputs, block->outputCapacity);
         }
-        s->entryDone += n;
+    }
+    if (!block || !block->input || (!f.stored && !block->output)) {
+        // Out of memory: the file's data cannot be completed.
+        fail(s, MZ_MEM_ERROR);
+        if (f.failure == 0) f.failure = MZ_MEM_ERROR;
+        endWalkFile(s);
         return;
     }
-    if (n < 0 && n != MZ_END_OF_STREAM) fail(s, n);
-    endFile(s);
+    std::uint8_t* const data = block->input.get();
+    std::size_t n = 0;
+    bool end = false;
+    while (n < want) {
+        if (f.padding) {
+            std::memset(data + n, 0, want - n);
+            n = want;
+            break;
+        }
+        const std::int32_t got =
+            mz_stream_read(f.stream.get(), data + n, static_cast<std::int32_t>(std::min<std::size_t>(want - n, INT32_MAX)));
+        if (got > 0) {
+            n += static_cast<std::size_t>(got);
+            continue;
+        }
+        if (got < 0 && got != MZ_END_OF_STREAM && f.failure == 0) f.failure = got;
+        // A stored file's size is in its header already: what is missing becomes zeros.
+        if (f.stored) {
+            f.padding = true;
+            continue;
+        }
+        end = true;
+        break;
+    }
+    f.read += n;
+    if (f.read >= f.limit) end = true;
+
+    block->inputSize = n;
+    block->stored = f.stored;
+    block->last = end;
+    if (!f.stored) {
+        block->dictionary = std::move(f.tail);
+        block->dictionarySize = block->dictionary ? kDictionarySize : 0;
+        if (!end) {
+            // Only full blocks are followed by another one.
+            f.tail.reset(new (std::nothrow) std::uint8_t[kDictionarySize]);
+            if (!f.tail) {
+                fail(s, MZ_MEM_ERROR);
+                if (f.failure == 0) f.failure = MZ_MEM_ERROR;
+                block->last = end = true;
+            } else {
+                std::memcpy(f.tail.get(), data + n - kDictionarySize, kDictionarySize);
+            }
+        }
+    }
+    DeflateBlock* b = block.get();
+    queueItem(s, ItemKind::Block);
+    s->queue.back().block = std::move(block);
+    ++s->queuedBlocks;
+    s->workers.submit(b);
+    if (end) endWalkFile(s);
 }
 
-void addDirectory(PackStream* s, const std::string& fullPath, const platform::Status& st) {
-    archive_entry* e = prepareEntry(s, s->entryName + "/", st, true);
+void addDirectory(PackStream* s, const std::string& fullPath, const platform::Status& st, std::string name) {
+    auto e = newEntry(std::move(name) + '/', st);
     if (!e) {
         fail(s, MZ_MEM_ERROR);
         return;
     }
-    archive_write_zip_set_compression_store(s->writer.get());
-    if (writeHeader(s, e) >= ARCHIVE_WARN) archive_write_finish_entry(s->writer.get());
+    e->directory = true;
+    queueItem(s, ItemKind::Directory);
+    s->queue.back().entry = std::move(e);
     DirFrame child;
     if (!child.reader.open(fullPath)) return;  // listed as an entry, not descended into
     child.path = fullPath + '/';
@@ -249,36 +246,30 @@ void addDirectory(PackStream* s, const std::string& fullPath, const platform::St
     s->current = std::move(child);
 }
 
-void addFile(PackStream* s, const std::string& fullPath, const platform::Status& st, std::int32_t method) {
-    const std::size_t lead = s->entryName.find_first_not_of('/');
-    s->entryName.erase(0, lead == std::string::npos ? s->entryName.size() : lead);
-    s->file.reset(mz_stream_os_create());
-    if (!s->file) {
+void addFile(PackStream* s, const std::string& fullPath, const platform::Status& st, std::int32_t method,
+             std::string name) {
+    const std::size_t lead = name.find_first_not_of('/');
+    name.erase(0, lead == std::string::npos ? name.size() : lead);
+    MzStreamPtr stream(mz_stream_os_create());
+    auto e = newEntry(std::move(name), st);
+    if (!stream || !e) {
         fail(s, MZ_MEM_ERROR);
         return;
     }
-    archive_entry* e = prepareEntry(s, s->entryName, st, false);
-    if (!e) {
-        fail(s, MZ_MEM_ERROR);
-        return;
-    }
-    if (mz_stream_open(s->file.get(), fullPath.c_str(), MZ_OPEN_MODE_READ) != MZ_OK) {
-        s->file.reset();  // left out
-        return;
-    }
-    // Stored when asked; everything else (zstd included, which this writer lacks) is deflated.
-    if (method == MZ_COMPRESS_METHOD_STORE) {
-        archive_write_zip_set_compression_store(s->writer.get());
-    } else {
-        archive_write_zip_set_compression_deflate(s->writer.get());
-    }
-    if (writeHeader(s, e) < ARCHIVE_WARN) {
-        mz_stream_close(s->file.get());
-        s->file.reset();
-        return;
-    }
-    s->entryOpen = true;
-    s->entrySize = static_cast<std::int64_t>(st.size);
+    if (mz_stream_open(stream.get(), fullPath.c_str(), MZ_OPEN_MODE_READ) != MZ_OK) return;  // left out
+    // Stored when asked; everything else (zstd included) is deflated.
+    e->stored = method == MZ_COMPRESS_METHOD_STORE;
+    e->storedSize = st.size;
+    e->zip64 = st.size >= (e->stored ? kStored32Limit : kDeflate32Limit);
+    WalkFile& f = s->file;
+    f = WalkFile{};
+    f.stream = std::move(stream);
+    f.stored = e->stored;
+    f.sizeHint = st.size;
+    f.limit = e->stored ? st.size : e->zip64 ? UINT64_MAX : kDeflate32Limit;
+    queueItem(s, ItemKind::FileStart);
+    s->queue.back().entry = std::move(e);
+    s->queue.back().size = static_cast<std::int64_t>(st.size);
 }
 
 void takeName(PackStream* s, const std::string& name) {
@@ -289,89 +280,169 @@ void takeName(PackStream* s, const std::string& name) {
         if (method < 0) return;
     }
     const std::string fullPath = s->current.path + name;
-    s->entryName.assign(fullPath, s->rootPath.size());
-    std::replace(s->entryName.begin(), s->entryName.end(), '\\', '/');
-    s->entrySize = 0;
-    s->entryDone = 0;
+    std::string entryName = fullPath.substr(s->rootPath.size());
+    std::replace(entryName.begin(), entryName.end(), '\\', '/');
 
     // Real directories are descended into; links to directories are not followed, so a link
     // cycle cannot trap the walk.
     platform::Status st;
     if (platform::linkStatus(fullPath, st) && st.kind == platform::Kind::Directory) {
-        addDirectory(s, fullPath, st);
+        addDirectory(s, fullPath, st, std::move(entryName));
         return;
     }
     // Only regular files (or links to them) are read: a FIFO or a device would block or worse.
     if (!platform::status(fullPath, st) || st.kind != platform::Kind::Regular) return;
-    addFile(s, fullPath, st, method);
+    addFile(s, fullPath, st, method, std::move(entryName));
 }
 
 void leaveDirectory(PackStream* s) {
     s->current.reader.close();
     s->current.path.clear();
     if (s->stack.empty()) {
-        s->patching = Patching::CentralHeaders;
-        if (archive_write_close(s->writer.get()) != ARCHIVE_OK || stopPatching(s) != MZ_OK) fail(s, MZ_WRITE_ERROR);
-        s->writerClosed = true;
+        queueItem(s, ItemKind::End);
+        s->walkOver = true;
         return;
     }
     s->current = std::move(s->stack.back());
     s->stack.pop_back();
 }
 
+// Walks on until the read-ahead is full.
+void walkAhead(PackStream* s) {
+    while (!s->walkOver && s->queuedBlocks < s->aheadLimit && s->queue.size() < kMaxQueued) {
+        if (s->file.stream) {
+            readBlock(s);
+            continue;
+        }
+        std::string name;
+        if (s->current.reader.next(name)) {
+            takeName(s, name);
+        } else {
+            leaveDirectory(s);
+        }
+    }
+}
+
+// ---- the reader's side ------------------------------------------------------------------------
+
+void setSegment(PackStream* s, const std::uint8_t* data, std::size_t size) {
+    s->segment = data;
+    s->segmentLeft = size;
+}
+
+// Turns the next queued step into the bytes to deliver.
+void nextSegment(PackStream* s) {
+    recycle(s, std::move(s->segmentBlock));
+    walkAhead(s);
+    Item item = std::move(s->queue.front());
+    s->queue.pop_front();
+    if (item.kind == ItemKind::Block) --s->queuedBlocks;
+    // The workers get the next block before this one is waited for.
+    walkAhead(s);
+    s->records.clear();
+    switch (item.kind) {
+        case ItemKind::Directory:
+            item.entry->offset = static_cast<std::uint64_t>(s->produced);
+            ziprec::appendLocalHeader(s->records, *item.entry);
+            ziprec::appendCentralHeader(s->central, *item.entry);
+            ++s->entries;
+            s->entryName = item.entry->name;
+            s->entrySize = 0;
+            s->entryDone = 0;
+            setSegment(s, s->records.data(), s->records.size());
+            break;
+        case ItemKind::FileStart:
+            s->entry = std::move(item.entry);
+            s->entry->offset = static_cast<std::uint64_t>(s->produced);
+            ziprec::appendLocalHeader(s->records, *s->entry);
+            s->entryName = s->entry->name;
+            s->entrySize = item.size;
+            s->entryDone = 0;
+            setSegment(s, s->records.data(), s->records.size());
+            break;
+        case ItemKind::Block: {
+            DeflateBlock* b = item.block.get();
+            s->workers.waitFor(b);
+            if (b->result != MZ_OK) fail(s, b->result);
+            ziprec::Entry& e = *s->entry;
+            e.crc = static_cast<std::uint32_t>(crc32_combine(e.crc, b->crc, static_cast<z_off_t>(b->inputSize)));
+            e.compressedSize += b->size();
+            e.uncompressedSize += b->inputSize;
+            s->entryDone += static_cast<std::int64_t>(b->inputSize);
+            setSegment(s, b->data(), b->size());
+            s->segmentBlock = std::move(item.block);
+            break;
+        }
+        case ItemKind::FileEnd:
+            if (item.error != 0) fail(s, item.error);
+            ziprec::appendDescriptor(s->records, *s->entry);
+            ziprec::appendCentralHeader(s->central, *s->entry);
+            ++s->entries;
+            s->entryDone = s->entrySize;
+            setSegment(s, s->records.data(), s->records.size());
+            break;
+        case ItemKind::End: {
+            const auto directorySize = static_cast<std::uint64_t>(s->central.size());
+            ziprec::appendEndRecords(s->central, s->entries, static_cast<std::uint64_t>(s->produced), directorySize);
+            s->finished = true;
+            setSegment(s, s->central.data(), s->central.size());
+            break;
+        }
+    }
+}
+
+// Copies what the current segment still holds into the reader's buffer.
+void deliver(PackStream* s) {
+    const auto n = static_cast<std::size_t>(std::min<std::int64_t>(
+        static_cast<std::int64_t>(s->segmentLeft), s->readerSize - s->filled));
+    std::memcpy(s->readerBuffer + s->filled, s->segment, n);
+    s->segment += n;
+    s->segmentLeft -= n;
+    s->filled += static_cast<std::int64_t>(n);
+    s->produced += static_cast<std::int64_t>(n);
+}
+
 // ---- operation table --------------------------------------------------------------------------
 
-std::int32_t packIsOpen(void* stream) { return self(stream)->writer ? MZ_OK : MZ_OPEN_ERROR; }
-
-std::int32_t packClose(void* stream);
+std::int32_t packIsOpen(void* stream) { return self(stream)->isOpen ? MZ_OK : MZ_OPEN_ERROR; }
 
 std::int32_t packOpen(void* stream, const char* path, std::int32_t mode) {
     PackStream* s = self(stream);
     if (!s) return MZ_PARAM_ERROR;
-    if (s->writer) return MZ_OPEN_ERROR;
+    if (s->isOpen) return MZ_OPEN_ERROR;
     if (!path) return MZ_PARAM_ERROR;
     if (mode & kUnsupportedModeBit) return MZ_INTERNAL_ERROR;
 
     s->produced = 0;
     s->error = 0;
     if (s->pending) s->pending->length = 0;
-    s->writerClosed = false;
-    s->entryOpen = false;
+    s->walkOver = false;
+    s->finished = false;
+    s->entries = 0;
     s->entrySize = 0;
     s->entryDone = 0;
+    s->entryName.clear();
+    s->segmentLeft = 0;
 
     if (!s->current.reader.open(path)) return MZ_OPEN_ERROR;
     s->current.path = path;
     if (s->current.path.empty() || s->current.path.back() != '/') s->current.path.push_back('/');
     s->rootPath = s->current.path;
-    s->entryName.clear();
 
-    if (!s->fileBuffer) s->fileBuffer.reset(new (std::nothrow) std::uint8_t[kFileStep]);
-    s->writer.reset(archive_write_new());
-    if (!s->writer || !s->fileBuffer) {
-        s->writer.reset();
+    const unsigned count = s->workerCount != 0 ? s->workerCount : DeflateWorkers::defaultCount();
+    if (!s->workers.start(count)) {
         s->current.reader.close();
         return MZ_MEM_ERROR;
     }
-    archive* a = s->writer.get();
-    // Unbuffered: every byte the writer produces reaches writerOutput at once.
-    if (archive_write_set_format_zip(a) != ARCHIVE_OK || archive_write_set_options(a, kWriterOptions) != ARCHIVE_OK ||
-        archive_write_set_bytes_per_block(a, 0) != ARCHIVE_OK ||
-        archive_write_set_bytes_in_last_block(a, 1) != ARCHIVE_OK ||
-        archive_write_open(a, s, nullptr, writerOutput, nullptr) != ARCHIVE_OK) {
-        s->discard = true;
-        s->writer.reset();
-        s->discard = false;
-        s->current.reader.close();
-        return MZ_OPEN_ERROR;
-    }
+    s->aheadLimit = s->workers.count() + kAheadBlocks;
+    s->isOpen = true;
     return MZ_OK;
 }
 
 std::int32_t packWrite(void* stream, const void* buf, std::int32_t size) {
     PackStream* s = self(stream);
     if (size < 0) return MZ_PARAM_ERROR;
-    if (!s->writer) return MZ_OPEN_ERROR;
+    if (!s->isOpen) return MZ_OPEN_ERROR;
     s->produced += size;
     const auto* bytes = static_cast<const std::uint8_t*>(buf);
     std::int64_t toReader = 0;
@@ -392,8 +463,8 @@ std::int64_t packTell(void* stream) { return self(stream)->produced; }
 
 void reportProgress(PackStream* s) {
     if (!s->progress) return;
-    const std::int32_t status = s->error != 0 ? 2 : s->writerClosed ? 1 : 0;
-    if (s->writerClosed) {
+    const std::int32_t status = s->error != 0 ? 2 : s->finished ? 1 : 0;
+    if (s->finished) {
         s->progress(s->progressUser, "", 0, 0, status);
     } else {
         s->progress(s->progressUser, s->entryName.c_str(), s->entrySize, s->entryDone, status);
@@ -403,10 +474,10 @@ void reportProgress(PackStream* s) {
 std::int32_t packRead(void* stream, void* buf, std::int32_t size) {
     PackStream* s = self(stream);
     if (size < 0) return MZ_PARAM_ERROR;
-    if (!s->writer) return MZ_OPEN_ERROR;
+    if (!s->isOpen) return MZ_OPEN_ERROR;
     auto* out = static_cast<std::uint8_t*>(buf);
 
-    // What the writer produced beyond the last reader's buffer goes first.
+    // Bytes written into the stream beyond an earlier reader's buffer go first.
     const std::int32_t c = static_cast<std::int32_t>(std::min<std::int64_t>(byteBufferLength(s->pending.get()), size));
     if (c > 0) {
         std::memcpy(out, byteBufferData(s->pending.get()), static_cast<std::size_t>(c));
@@ -414,27 +485,26 @@ std::int32_t packRead(void* stream, void* buf, std::int32_t size) {
     }
     std::int32_t result = c;
     if (c < size) {
-        if (s->writerClosed) return c > 0 ? c : MZ_END_OF_STREAM;
         s->readerBuffer = out + c;
         s->readerSize = size - c;
         s->filled = 0;
-        while (s->filled < s->readerSize && !s->writerClosed) {
-            if (s->file) {
-                continueFile(s);
-                continue;
-            }
-            std::string name;
-            if (s->current.reader.next(name)) {
-                takeName(s, name);
+        // Once the central directory is under way the archive only drains.
+        const bool draining = s->finished;
+        while (s->filled < s->readerSize) {
+            if (s->segmentLeft > 0) {
+                deliver(s);
+            } else if (s->finished) {
+                break;
             } else {
-                leaveDirectory(s);
+                nextSegment(s);
             }
         }
         result = c + static_cast<std::int32_t>(s->filled);
+        s->readerBuffer = nullptr;
+        s->readerSize = 0;
+        s->filled = 0;
+        if (draining) return result > 0 ? result : MZ_END_OF_STREAM;
     }
-    s->readerBuffer = nullptr;
-    s->readerSize = 0;
-    s->filled = 0;
     reportProgress(s);
     return result;
 }
@@ -442,17 +512,25 @@ std::int32_t packRead(void* stream, void* buf, std::int32_t size) {
 std::int32_t packClose(void* stream) {
     PackStream* s = self(stream);
     if (s->readerBuffer) return MZ_OK;  // called from inside a read
-    endFile(s);
-    if (s->writer) {
-        s->discard = true;
-        s->writer.reset();
-        s->discard = false;
-    }
+    // The workers let go of every block before the blocks go.
+    s->workers.stop();
+    s->queue.clear();
+    s->queuedBlocks = 0;
+    s->segmentBlock.reset();
+    s->spareInputs.clear();
+    s->spareOutputs.clear();
+    s->segmentLeft = 0;
+    s->entry.reset();
+    s->records = {};
+    s->central = {};
+    if (s->file.stream) mz_stream_close(s->file.stream.get());
+    s->file = WalkFile{};
     s->current.reader.close();
     s->current.path.clear();
     s->stack.clear();
     s->rootPath.clear();
     s->entryName.clear();
+    s->isOpen = false;
     return s->error;
 }
 
@@ -486,4 +564,8 @@ void setDirPackStreamCallbacks(void* stream, PackMethodCallback method, PackProg
     self(stream)->method = method;
     self(stream)->progress = progress;
     self(stream)->progressUser = user;
+}
+
+void setDirPackStreamWorkers(void* stream, unsigned count) {
+    if (stream) self(stream)->workerCount = count;
 }

@@ -1,6 +1,8 @@
 // DirPackStream: a read-only stream that yields, on demand, the bytes of a ZIP archive of a
-// local directory tree. Reading it walks the tree depth-first and compresses each file in steps
-// as the reader asks for more; the archive never exists whole in memory or on disk.
+// local directory tree. Reading it walks the tree depth-first; the walk reads files a few blocks
+// ahead of the reader and worker threads (one per core) deflate them meanwhile, while the reader
+// takes the archive's bytes in order. The archive never exists whole in memory or on disk, and
+// its bytes are the same whatever the number of workers and the sizes of the reads.
 //
 // Driven through the generic stream calls: mz_stream_open(stream, directory,
 // MZ_OPEN_MODE_READ), mz_stream_read until it returns MZ_END_OF_STREAM, mz_stream_tell (archive
@@ -25,3 +27,6 @@ using PackProgressCallback = void (*)(void* user, const char* entryName, std::in
 void* createDirPackStream();
 void setDirPackStreamCallbacks(void* stream, PackMethodCallback method, PackProgressCallback progress,
                                void* user);
+// The number of worker threads from the next open on; 0 (the default) means one per core, or
+// VAROFT_PACK_WORKERS when that is set.
+void setDirPackStreamWorkers(void* stream, unsigned count);
