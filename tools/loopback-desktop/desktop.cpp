@@ -76,6 +76,7 @@ bool Desktop::serveClient(std::chrono::milliseconds waitForRequest) {
 
 std::optional<Request> Desktop::nextFromClient() {
     for (;;) {
+        if (stopping_) return std::nullopt;
         const auto mine = std::find_if(backlog_.begin(), backlog_.end(), [&](const Request& r) { return r.client == client_; });
         if (mine != backlog_.end()) {
             Request r = std::move(*mine);
@@ -252,7 +253,7 @@ std::optional<TransferReply> Desktop::awaitReply(const char* waitingFor) {
         }
         dispatch(*request);
     }
-    say(std::string("client went away while the desktop waited for ") + waitingFor);
+    say(std::string(stopping_ ? "stopped" : "client went away") + " while the desktop waited for " + waitingFor);
     return std::nullopt;
 }
 

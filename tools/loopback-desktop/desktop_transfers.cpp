@@ -1,8 +1,10 @@
 // The desktop's transfers: files and directories the client announces or the desktop starts,
-// in either direction.
+// in either direction. Every one is a stream: a file is read or written chunk by chunk, a
+// directory packed or unpacked as its bytes go or come, so memory stays flat at any size.
 #include "desktop.h"
 
 #include "desktop_support.h"
+#include "sparse_file.h"
 
 #include <algorithm>
 
@@ -12,76 +14,110 @@ using namespace loopback::desk;
 
 namespace loopback {
 
+// A transfer cut short because the desktop was told to stop: the client is told so (kind 7)
+// rather than left to find the connection gone.
+void Desktop::abortForStop(const TransferEvent& like) {
+    TransferEvent abort = like;
+    abort.kind = 7;
+    abort.data.clear();
+    sendEvent(abort);
+    say("stopping: transfer of " + like.nameA + " aborted");
+}
+
+// The client sends; the desktop asks with kind-5 events and takes what comes in kind-4 replies
+// until reply kind 8: a file written as it comes, or a ZIP stream unpacked as it comes.
 void Desktop::receiveFromClient(const TransferReply& announce) {
     const bool directory = announce.objectType == kObjectDirectory;
     const fs::path target = desktopPath(announce.nameA, announce.nameB);
     const std::string name = target.lexically_relative(options_.folder).string();
     std::error_code ec;
     fs::create_directories(target.parent_path(), ec);
-    File file;
-    if (!directory) {
-        file.reset(std::fopen(target.c_str(), "wb"));
-        if (!file) {
-            say("cannot write " + target.string() + ": aborting");
-            sendEvent(echo(announce, 7));
-            outcome_ = "failed";
-            return;
-        }
+    SparseFileWriter file;
+    if (!directory && !file.open(target)) {
+        say("cannot write " + target.string() + ": aborting");
+        sendEvent(echo(announce, 7));
+        outcome_ = "failed";
+        return;
     }
-    std::vector<std::uint8_t> zip;
     std::uint64_t received = 0;
     std::size_t chunks = 0;
-    const TransferEvent next = echo(announce, 5);
-    for (;;) {
-        if (!sendEvent(next)) break;
-        auto reply = awaitReply("data");
-        if (!reply) break;
-        if (reply->kind == 4) {
-            ++chunks;
-            received += reply->block.size();
-            if (directory) zip.insert(zip.end(), reply->block.begin(), reply->block.end());
-            else if (!reply->block.empty() && std::fwrite(reply->block.data(), 1, reply->block.size(), file.get()) != reply->block.size())
-                say("write error on " + target.string());
-            continue;
+    bool ended = false;  // reply kind 8 came
+    bool writeError = false;
+    std::optional<TransferReply> reply;
+    const TransferEvent ask = echo(announce, 5);
+    // The next chunk's data: empty after reply kind 8, nullopt when the transfer broke off.
+    auto nextChunk = [&]() -> std::optional<std::span<const std::uint8_t>> {
+        if (ended) return std::span<const std::uint8_t>();
+        if (!sendEvent(ask) || !(reply = awaitReply("data"))) return std::nullopt;
+        if (reply->kind == 8) {
+            ended = true;
+            return std::span<const std::uint8_t>();
         }
-        if (reply->kind != 8) {
+        if (reply->kind != 4) {
             say("unexpected reply during the transfer: " + transferKindName(reply->kind));
-            break;
+            return std::nullopt;
         }
+        ++chunks;
+        received += reply->block.size();
+        return std::span<const std::uint8_t>(reply->block);
+    };
+    bool broken = false;
+    UnpackResult unpacked;
+    std::string unpackError;
+    bool unpackedOk = false;
+    if (directory) {
+        unpackedOk = unpackStream(nextChunk, target, unpacked, &unpackError);
+        // What follows the archive's entries (its central directory), or follows a failure,
+        // is still taken, so the client ends its transfer as usual.
+        while (!ended && !broken) broken = !nextChunk();
+    } else {
+        while (!ended && !broken) {
+            const auto data = nextChunk();
+            broken = !data;
+            if (data && !data->empty() && !file.write(*data) && !writeError) {
+                say("write error on " + target.string());
+                writeError = true;
+            }
+        }
+    }
+    if (broken) {
+        if (stopping_) abortForStop(ask);
         if (!directory) {
-            const bool ok = std::fclose(file.release()) == 0;
-            say(std::string(announce.openFlag ? "opened " : "stored ") + name + " (" + std::to_string(received) +
-                " bytes" + (ok ? ")" : ", write error)"));
-            outcome_ = ok ? "stored" : "failed";
-            return;
+            file.close();
+            fs::remove(target, ec);
         }
-        UnpackResult result;
-        std::string error;
-        if (unpackArchive(zip, target, result, &error)) {
-            say("unpacked " + name + ": " + plural(result.files, "file") + ", " + plural(result.directories, "directory") +
-                " (" + std::to_string(received) + " zip bytes in " + plural(chunks, "chunk") + ")");
-            outcome_ = "stored";
-        } else {
-            say("cannot unpack " + name + ": " + error);
-            outcome_ = "failed";
-        }
+        say("transfer of " + name + " ended early (" + std::to_string(received) + " bytes received)");
+        outcome_ = "failed";
         return;
     }
     if (!directory) {
-        file.reset();
-        fs::remove(target, ec);
+        const bool ok = file.close() && !writeError;
+        say(std::string(announce.openFlag ? "opened " : "stored ") + name + " (" + std::to_string(received) + " bytes" +
+            (ok ? ")" : ", write error)"));
+        outcome_ = ok ? "stored" : "failed";
+        return;
     }
-    say("transfer of " + name + " ended early (" + std::to_string(received) + " bytes received)");
-    outcome_ = "failed";
+    if (unpackedOk) {
+        say("unpacked " + name + ": " + plural(unpacked.files, "file") + ", " + plural(unpacked.directories, "directory") +
+            " (" + std::to_string(received) + " zip bytes in " + plural(chunks, "chunk") + ")");
+        outcome_ = "stored";
+    } else {
+        say("cannot unpack " + name + ": " + unpackError);
+        outcome_ = "failed";
+    }
 }
 
-// Sends `data` as kind-4 events of at most chunkSize bytes, each answered by reply kind 5,
-// then a kind-8 event.
+// Sends what `next` gives as kind-4 events of at most chunkSize bytes, each answered by reply
+// kind 5, then a kind-8 event.
 bool Desktop::sendData(TransferEvent event, const ChunkSource& next, const std::string& what) {
     std::size_t chunks = 0;
     std::uint64_t total = 0;
     std::vector<std::uint8_t> piece(options_.chunkSize);
     for (;;) {
+        if (stopping_) {
+            abortForStop(event);
+            return false;
+        }
         const std::optional<std::size_t> got = next(piece);
         if (!got) {
             say("cannot read " + what + "; aborting");
@@ -97,7 +133,10 @@ bool Desktop::sendData(TransferEvent event, const ChunkSource& next, const std::
         ++chunks;
         total += *got;
         auto reply = awaitReply("a chunk acknowledgement");
-        if (!reply) return false;
+        if (!reply) {
+            if (stopping_) abortForStop(event);
+            return false;
+        }
         if (reply->kind != 5) {
             say("unexpected reply to data: " + transferKindName(reply->kind) + "; aborting");
             event.kind = 7;
@@ -136,28 +175,30 @@ void Desktop::sendFileToClient(const TransferReply& announce) {
     outcome_ = sendData(event, read, announce.nameA) ? "sent" : "failed";
 }
 
+// A desktop directory goes out packed as it is sent: the archive is never whole in memory, so
+// its size is not known beforehand and the events carry 0.
 void Desktop::sendDirectoryToClient(const TransferReply& announce) {
     const fs::path source = options_.folder / insideFolder(announce.nameA);
-    PackResult packed;
+    ZipPackStream packed;
     std::string error;
-    if (!packDirectory(source, options_.zipMethod, packed, &error)) {
+    if (!packed.open(source, options_.zipMethod, &error)) {
         say("no desktop directory " + announce.nameA + " (" + error + "): aborting");
         sendEvent(echo(announce, 7));
         outcome_ = "missing";
         return;
     }
-    say("packed " + announce.nameA + ": " + plural(packed.files, "file") + ", " + plural(packed.directories, "directory") +
-        ", " + zipMethodName(options_.zipMethod));
     TransferEvent event = echo(announce, 4);
-    event.size = packed.bytes.size();
-    std::size_t at = 0;
-    const ChunkSource read = [&](std::span<std::uint8_t> into) -> std::optional<std::size_t> {
-        const std::size_t n = std::min(into.size(), packed.bytes.size() - at);
-        std::copy_n(packed.bytes.begin() + static_cast<std::ptrdiff_t>(at), n, into.begin());
-        at += n;
-        return n;
-    };
-    outcome_ = sendData(event, read, announce.nameA + " as zip") ? "sent" : "failed";
+    event.size = 0;
+    const ChunkSource read = [&](std::span<std::uint8_t> into) { return packed.read(into, &error); };
+    const std::string what = announce.nameA + " as zip";
+    if (!sendData(event, read, what)) {
+        if (!error.empty()) say("cannot pack " + announce.nameA + ": " + error);
+        outcome_ = "failed";
+        return;
+    }
+    say("packed " + announce.nameA + ": " + plural(packed.files(), "file") + ", " + plural(packed.directories(), "directory") +
+        ", " + zipMethodName(options_.zipMethod));
+    outcome_ = "sent";
 }
 
 }  // namespace loopback
