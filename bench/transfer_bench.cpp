@@ -64,7 +64,7 @@ std::vector<std::uint8_t> transferEvent(std::uint8_t direction, std::uint8_t kin
 }
 
 // Kind byte and data length of a FileTransferReply request.
-bool replyKind(const loopback::Request& r, std::uint8_t& kind, std::uint32_t& dataLength) {
+bool replyKind(const loopback::RequestView& r, std::uint8_t& kind, std::uint32_t& dataLength) {
     if (r.minor != 115 || r.bytes.size() < 24) return false;
     kind = r.bytes[7];
     dataLength = bytes::get32(r.bytes, 20);
@@ -124,7 +124,7 @@ Outcome runPut(const std::string& file, std::uint64_t size) {
     std::uint64_t received = 0;
     Clock::time_point start{};
     Finish finish;
-    far->setRequestHandler([&](const loopback::Request& r) {
+    far->setRequestHandler([&](const loopback::RequestView& r) {
         std::uint8_t kind = 0;
         std::uint32_t length = 0;
         if (!replyKind(r, kind, length)) return finish.set(false);
@@ -165,7 +165,7 @@ Outcome runGet(const std::string& target, std::uint64_t size) {
                                     : far->sendGenericEvent(90, transferEvent(2, 4, "remote.bin", target, chunk.data(), n));
         if (!ok) finish.set(false);
     };
-    far->setRequestHandler([&](const loopback::Request& r) {
+    far->setRequestHandler([&](const loopback::RequestView& r) {
         std::uint8_t kind = 0;
         std::uint32_t length = 0;
         if (!replyKind(r, kind, length)) return finish.set(false);

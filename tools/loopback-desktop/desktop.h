@@ -48,8 +48,13 @@ public:
     // that come meanwhile wait for their turn. False when no request came within
     // `waitForRequest` (or stop() was called first).
     bool serveClient(std::chrono::milliseconds waitForRequest);
-    // Makes serveClient return soon (from another thread or a signal-driven loop).
-    void stop() { stopping_ = true; }
+    // Makes serveClient return soon, cutting a transfer short (the client gets an abort).
+    // Safe from another thread, not from a signal handler.
+    void stop() {
+        stopping_ = true;
+        server_.interruptWaits();
+    }
+    bool stopped() const { return stopping_; }
 
     // One scripted step of a session: "list PATH", "fetch LOCAL", "move LOCAL" (a fetch after
     // which the client removes its file), "fetchdir LOCAL", "store LOCAL [NAME]",
@@ -72,6 +77,7 @@ private:
     std::filesystem::path desktopPath(const std::string& remoteName, const std::string& localPath) const;
 
     bool startFirst(const TransferReply& announce);
+    void abortForStop(const TransferEvent& like);
     void receiveFromClient(const TransferReply& announce);
     void sendFileToClient(const TransferReply& announce);
     void sendDirectoryToClient(const TransferReply& announce);

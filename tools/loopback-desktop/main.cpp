@@ -6,29 +6,73 @@
 //                    [--refuse KIND] [--send-start] [--script FILE] [--trace] [--once]
 //
 // It prints "loopback-desktop: serving :N" once clients can connect, then one line per thing
-// it receives or sends.
+// it receives or sends. SIGINT and SIGTERM stop it at once, in the middle of a transfer too
+// (the client is sent an abort); the socket and lock files are removed on the way out.
 #include "desktop.h"
 #include "x_server.h"
 
-#include <atomic>
+#include <cerrno>
 #include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <fstream>
 #include <string>
 #include <string_view>
+#include <thread>
+
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
 
 using namespace std::chrono_literals;
 
 namespace {
 
-std::atomic<loopback::Desktop*> gDesktop{nullptr};
-volatile std::sig_atomic_t gStop = 0;
+// SIGINT and SIGTERM, taken from a signalfd by a thread of their own (they are blocked in every
+// thread), so that stopping may lock and wake whatever the desktop waits on.
+class StopOnSignal {
+public:
+    // Blocks the signals for this thread and the threads it starts from now on.
+    StopOnSignal() {
+        sigemptyset(&signals_);
+        sigaddset(&signals_, SIGINT);
+        sigaddset(&signals_, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
+        signalFd_ = ::signalfd(-1, &signals_, SFD_CLOEXEC);
+        doneFd_ = ::eventfd(0, EFD_CLOEXEC);
+    }
+    ~StopOnSignal() {
+        finish();
+        ::close(signalFd_);
+        ::close(doneFd_);
+    }
+    StopOnSignal(const StopOnSignal&) = delete;
+    StopOnSignal& operator=(const StopOnSignal&) = delete;
 
-void onSignal(int) {
-    gStop = 1;
-    if (auto* d = gDesktop.load()) d->stop();
-}
+    bool ok() const { return signalFd_ >= 0 && doneFd_ >= 0; }
+    // Ends the watching; the desktop may go after this.
+    void finish() {
+        const std::uint64_t one = 1;
+        if (!watcher_.joinable()) return;
+        [[maybe_unused]] const ssize_t n = ::write(doneFd_, &one, sizeof one);
+        watcher_.join();
+    }
+    void watch(loopback::Desktop& desktop) {
+        watcher_ = std::thread([this, &desktop] {
+            pollfd fds[2] = {{signalFd_, POLLIN, 0}, {doneFd_, POLLIN, 0}};
+            while (::poll(fds, 2, -1) < 0 && errno == EINTR) {
+            }
+            if (fds[0].revents & POLLIN) desktop.stop();
+        });
+    }
+
+private:
+    sigset_t signals_{};
+    int signalFd_ = -1, doneFd_ = -1;
+    std::thread watcher_;
+};
 
 void usage() {
     std::fputs(
@@ -126,6 +170,11 @@ int main(int argc, char** argv) {
     }
     desktop.log = printLine;
 
+    StopOnSignal stopper;  // before the server thread starts, so that it inherits the mask
+    if (!stopper.ok()) {
+        std::fprintf(stderr, "loopback-desktop: cannot watch for signals\n");
+        return 1;
+    }
     std::string error;
     auto x = loopback::XServer::start(server, &error);
     if (!x) {
@@ -133,14 +182,12 @@ int main(int argc, char** argv) {
         return 1;
     }
     loopback::Desktop far(*x, desktop);
-    gDesktop = &far;
-    std::signal(SIGINT, onSignal);
-    std::signal(SIGTERM, onSignal);
+    stopper.watch(far);
     std::printf("loopback-desktop: serving %s (folder %s)\n", x->displayName().c_str(), desktop.folder.c_str());
     std::fflush(stdout);
-    while (!gStop) {
+    while (!far.stopped()) {
         if (far.serveClient(1000ms) && once) break;
     }
-    gDesktop = nullptr;
+    stopper.finish();
     return 0;
 }

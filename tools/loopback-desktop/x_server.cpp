@@ -1,34 +1,24 @@
 #include "x_server.h"
 
 #include "common/bytes.h"
+#include "x11_wire.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 namespace loopback {
 
 namespace {
 
-constexpr std::uint8_t kQueryExtension = 98;
-constexpr std::uint8_t kGetInputFocus = 43;
-
-constexpr std::uint8_t kBadRequest = 1;
-constexpr std::uint8_t kBadLength = 16;
-
+// What one read asks the socket for at least; a request larger than that grows the buffer.
 constexpr std::size_t kReadChunk = 262144;
 // Stop reading from a client that does not read its answers once this much is pending, and
 // drop it when it has far more.
@@ -37,302 +27,77 @@ constexpr std::size_t kOutputLimit = 64u << 20;
 constexpr std::size_t kMaxConnections = 64;
 constexpr auto kCloseGrace = std::chrono::seconds(5);
 
-constexpr std::string_view kFileTransferName = "QRV_ThinFileTransfer12";
-constexpr std::string_view kPrintName = "QRV_ThinPrint12";
-constexpr std::string_view kBigRequestsName = "BIG-REQUESTS";
-constexpr std::string_view kCookieName = "MIT-MAGIC-COOKIE-1";
-constexpr std::string_view kVendor = "varoft loopback desktop";
-
-std::string errnoText(const char* what) { return std::string(what) + ": " + std::strerror(errno); }
-
-// An owned file descriptor.
-class Fd {
+// A connection's input: the socket is read straight into it, and requests are parsed where
+// they lie. It grows only when one request is larger than it is, and moves the bytes of an
+// incomplete request to its front only when they would not fit behind them.
+class InputBuffer {
 public:
-    Fd() = default;
-    explicit Fd(int fd) : fd_(fd) {}
-    ~Fd() { reset(); }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    Fd(Fd&& o) noexcept : fd_(o.release()) {}
-    Fd& operator=(Fd&& o) noexcept {
-        if (this != &o) {
-            reset();
-            fd_ = o.release();
+    std::span<std::uint8_t> pending() { return {data_.get() + start_, end_ - start_}; }
+    void consume(std::size_t n) {
+        start_ += n;
+        if (start_ == end_) start_ = end_ = 0;
+    }
+    // Free space behind the pending bytes, enough for `whole` bytes of them (the size of the
+    // request they begin, when known) and at least one read.
+    std::span<std::uint8_t> room(std::size_t whole) {
+        const std::size_t have = end_ - start_;
+        const std::size_t need = std::max(whole, have + kReadChunk / 4);
+        if (capacity_ < need) {
+            const std::size_t grown = std::max({need, kReadChunk, capacity_ * 2});
+            auto bigger = std::make_unique<std::uint8_t[]>(grown);
+            if (have) std::memcpy(bigger.get(), data_.get() + start_, have);
+            data_ = std::move(bigger);
+            capacity_ = grown;
+            start_ = 0;
+            end_ = have;
+        } else if (capacity_ - start_ < need) {
+            std::memmove(data_.get(), data_.get() + start_, have);
+            start_ = 0;
+            end_ = have;
         }
-        return *this;
+        return {data_.get() + end_, capacity_ - end_};
     }
-    int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-    int release() {
-        const int f = fd_;
-        fd_ = -1;
-        return f;
-    }
-    void reset() {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = -1;
-    }
+    void filled(std::size_t n) { end_ += n; }
 
 private:
-    int fd_ = -1;
+    std::unique_ptr<std::uint8_t[]> data_;
+    std::size_t capacity_ = 0, start_ = 0, end_ = 0;
 };
-
-bool setNonBlocking(int fd) {
-    const int flags = ::fcntl(fd, F_GETFL);
-    return flags >= 0 && ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0;
-}
-
-bool pidAlive(long pid) { return pid > 0 && (::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM); }
-
-// Takes /tmp/.X<n>-lock the way X servers do: created exclusively, holding our pid. A lock left
-// by a dead process is removed and taken. False when a live process holds it.
-bool takeLock(const std::string& path) {
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        Fd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0444));
-        if (fd.valid()) {
-            char text[16];
-            const int n = std::snprintf(text, sizeof text, "%10ld\n", static_cast<long>(::getpid()));
-            if (n <= 0 || ::write(fd.get(), text, static_cast<std::size_t>(n)) != n) {
-                ::unlink(path.c_str());
-                return false;
-            }
-            return true;
-        }
-        if (errno != EEXIST) return false;
-        Fd old(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-        if (!old.valid()) continue;  // vanished meanwhile: try again
-        char text[32] = {};
-        const ssize_t got = ::read(old.get(), text, sizeof text - 1);
-        if (got <= 0) return false;  // being written right now: someone else's
-        const long pid = std::strtol(text, nullptr, 10);
-        if (pidAlive(pid)) return false;
-        ::unlink(path.c_str());
-    }
-    return false;
-}
-
-sockaddr_un unixAddress(const std::string& path, bool abstract, socklen_t& len) {
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    const std::size_t offset = abstract ? 1 : 0;
-    std::memcpy(addr.sun_path + offset, path.data(), std::min(path.size(), sizeof addr.sun_path - 1 - offset));
-    len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + offset + path.size() + (abstract ? 0 : 1));
-    return addr;
-}
-
-// Whether a server answers on the socket file.
-bool socketAnswers(const std::string& path) {
-    Fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!fd.valid()) return false;
-    socklen_t len = 0;
-    const sockaddr_un addr = unixAddress(path, false, len);
-    return ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&addr), len) == 0;
-}
-
-Fd listenUnix(const std::string& path, bool abstract, std::string* error) {
-    Fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    socklen_t len = 0;
-    const sockaddr_un addr = unixAddress(path, abstract, len);
-    if (!fd.valid() || ::bind(fd.get(), reinterpret_cast<const sockaddr*>(&addr), len) != 0 ||
-        ::listen(fd.get(), 16) != 0 || !setNonBlocking(fd.get())) {
-        if (error) *error = errnoText(abstract ? "abstract socket" : path.c_str());
-        return {};
-    }
-    return fd;
-}
-
-Fd listenTcp(int port, std::string* error) {
-    Fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!fd.valid()) {
-        if (error) *error = errnoText("socket");
-        return {};
-    }
-    const int one = 1;
-    ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<std::uint16_t>(port));
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0 ||
-        ::listen(fd.get(), 16) != 0 || !setNonBlocking(fd.get())) {
-        if (error) *error = errnoText(("127.0.0.1:" + std::to_string(port)).c_str());
-        return {};
-    }
-    return fd;
-}
-
-// Everything a display needs, bound and locked; released again unless `keep` is called.
-struct Binding {
-    std::string lockPath, socketPath;
-    std::vector<Fd> fds;
-    bool locked = false, socketMade = false;
-    ~Binding() {
-        fds.clear();
-        if (socketMade) ::unlink(socketPath.c_str());
-        if (locked) ::unlink(lockPath.c_str());
-    }
-    void keep() { locked = socketMade = false; }
-};
-
-// Tries to take display `n`. On failure *busy tells whether it was merely in use.
-bool bindDisplay(int n, bool tcp, Binding& b, bool* busy, std::string* error) {
-    *busy = true;
-    b.lockPath = "/tmp/.X" + std::to_string(n) + "-lock";
-    b.socketPath = "/tmp/.X11-unix/X" + std::to_string(n);
-    if (!takeLock(b.lockPath)) {
-        if (error) *error = "display :" + std::to_string(n) + " is locked by another server (" + b.lockPath + ")";
-        return false;
-    }
-    b.locked = true;
-    if (::mkdir("/tmp/.X11-unix", 01777) == 0) ::chmod("/tmp/.X11-unix", 01777);
-    if (::access(b.socketPath.c_str(), F_OK) == 0) {
-        if (socketAnswers(b.socketPath)) {
-            if (error) *error = "a server already answers on " + b.socketPath;
-            return false;
-        }
-        ::unlink(b.socketPath.c_str());  // left behind by a server that died
-    }
-    Fd abstractFd = listenUnix(b.socketPath, true, error);
-    if (!abstractFd.valid()) return false;  // another server holds the abstract name
-    Fd pathFd = listenUnix(b.socketPath, false, error);
-    if (!pathFd.valid()) {
-        *busy = false;
-        return false;
-    }
-    b.socketMade = true;
-    ::chmod(b.socketPath.c_str(), 0777);  // any local user may connect, as with X servers
-    b.fds.push_back(std::move(pathFd));
-    b.fds.push_back(std::move(abstractFd));
-    if (tcp) {
-        Fd tcpFd = listenTcp(6000 + n, error);
-        if (!tcpFd.valid()) return false;
-        b.fds.push_back(std::move(tcpFd));
-    }
-    return true;
-}
-
-std::vector<std::uint8_t> failedSetup(std::string_view reason, bool bigEndian) {
-    std::vector<std::uint8_t> out;
-    const std::size_t n = std::min<std::size_t>(reason.size(), 255);
-    const auto units = static_cast<std::uint16_t>((n + bytes::pad4(n)) / 4);
-    auto u16 = [&](std::uint16_t v) {
-        if (bigEndian) {
-            out.push_back(static_cast<std::uint8_t>(v >> 8));
-            out.push_back(static_cast<std::uint8_t>(v));
-        } else {
-            out.push_back(static_cast<std::uint8_t>(v));
-            out.push_back(static_cast<std::uint8_t>(v >> 8));
-        }
-    };
-    out.push_back(0);  // Failed
-    out.push_back(static_cast<std::uint8_t>(n));
-    u16(11);
-    u16(0);
-    u16(units);
-    bytes::Writer w(out);
-    w.raw(reason.substr(0, n)).pad4();
-    return out;
-}
-
-std::vector<std::uint8_t> acceptedSetup(std::uint32_t clientId) {
-    // One screen of 1024x768 at depth 24 with one TrueColor visual; pixmap formats for depths
-    // 1 and 24.
-    constexpr std::uint32_t kRoot = 0x000000FF, kColormap = 0x00000020, kVisual = 0x00000021;
-    std::vector<std::uint8_t> body;
-    bytes::Writer w(body);
-    const std::uint32_t base = ((clientId % 1000u) + 1u) << 21;
-    w.u32(12000000).u32(base).u32(0x001FFFFF).u32(256);
-    w.u16(static_cast<std::uint16_t>(kVendor.size())).u16(65535);
-    w.u8(1).u8(2);  // screens, pixmap formats
-    w.u8(0).u8(0).u8(32).u8(32).u8(8).u8(255).zeros(4);
-    w.raw(kVendor).pad4();
-    w.u8(1).u8(1).u8(32).zeros(5);
-    w.u8(24).u8(32).u8(32).zeros(5);
-    // screen
-    w.u32(kRoot).u32(kColormap).u32(0x00FFFFFF).u32(0).u32(0);
-    w.u16(1024).u16(768).u16(271).u16(203).u16(1).u16(1);
-    w.u32(kVisual).u8(0).u8(0).u8(24).u8(2);
-    // depth 24 with its visual, depth 1 without visuals
-    w.u8(24).u8(0).u16(1).zeros(4);
-    w.u32(kVisual).u8(4).u8(8).u16(256).u32(0x00FF0000).u32(0x0000FF00).u32(0x000000FF).zeros(4);
-    w.u8(1).u8(0).u16(0).zeros(4);
-
-    std::vector<std::uint8_t> out;
-    bytes::Writer h(out);
-    h.u8(1).u8(0).u16(11).u16(0).u16(static_cast<std::uint16_t>(body.size() / 4)).raw(body);
-    return out;
-}
-
-std::vector<std::uint8_t> reply32(std::uint8_t data1, std::uint16_t sequence) {
-    std::vector<std::uint8_t> r(32, 0);
-    r[0] = 1;
-    r[1] = data1;
-    bytes::put16(r, 2, sequence);
-    return r;
-}
 
 }  // namespace
 
 struct XServer::Connection {
     Fd fd;
     std::uint32_t id = 0;
-    bool ready = false;      // handshake done
+    bool ready = false;       // handshake done
     bool closing = false;     // nothing more is served; half-closed once the output is written
     bool halfClosed = false;  // our side is shut; closed when the client ends or at closeBy
     std::chrono::steady_clock::time_point closeBy{};
     bool bigEnabled = false;
     std::uint32_t sequence = 0;  // requests read so far
-    std::vector<std::uint8_t> in;
-    std::size_t inPos = 0;
+    InputBuffer in;
+    std::size_t incomplete = 0;  // size of the request the pending input begins, when known
     std::vector<std::uint8_t> out;
     std::size_t outPos = 0;
     std::size_t pendingOut() const { return out.size() - outPos; }
+    void queue(std::span<const std::uint8_t> bytes) { out.insert(out.end(), bytes.begin(), bytes.end()); }
 };
 
 std::unique_ptr<XServer> XServer::start(const ServerOptions& options, std::string* error) {
     std::signal(SIGPIPE, SIG_IGN);
     std::unique_ptr<XServer> server(new XServer());
     server->options_ = options;
-
-    Binding binding;
-    bool bound = false;
-    if (options.display >= 0) {
-        bool busy = false;
-        bound = bindDisplay(options.display, options.tcp, binding, &busy, error);
-        if (bound) server->display_ = options.display;
-    } else {
-        for (int n = 40; n < 240 && !bound; ++n) {
-            Binding attempt;
-            bool busy = false;
-            std::string why;
-            if (bindDisplay(n, options.tcp, attempt, &busy, &why)) {
-                binding.lockPath = attempt.lockPath;
-                binding.socketPath = attempt.socketPath;
-                binding.fds = std::move(attempt.fds);
-                binding.locked = binding.socketMade = true;
-                attempt.keep();
-                server->display_ = n;
-                bound = true;
-            } else if (!busy) {
-                if (error) *error = why;
-                return nullptr;
-            }
-        }
-        if (!bound && error && error->empty()) *error = "no free display number from 40 to 239";
-    }
-    if (!bound) return nullptr;
-
+    auto binding = std::make_unique<DisplayBinding>();
+    if (!DisplayBinding::take(options.display, options.tcp, *binding, error)) return nullptr;
     int pipeFds[2];
     if (::pipe2(pipeFds, O_CLOEXEC | O_NONBLOCK) != 0) {
-        if (error) *error = errnoText("pipe");
+        if (error) *error = std::string("pipe: ") + std::strerror(errno);
         return nullptr;
     }
-    server->wakeRead_ = pipeFds[0];
-    server->wakeWrite_ = pipeFds[1];
-    server->lockPath_ = binding.lockPath;
-    server->socketPath_ = binding.socketPath;
-    for (auto& fd : binding.fds) server->listenFds_.push_back(fd.release());
-    binding.keep();
+    server->wakeRead_ = Fd(pipeFds[0]);
+    server->wakeWrite_ = Fd(pipeFds[1]);
+    server->display_ = binding->display();
+    server->binding_ = std::move(binding);
     server->thread_ = std::thread([s = server.get()] { s->run(); });
     return server;
 }
@@ -345,21 +110,18 @@ XServer::~XServer() {
     wake();
     if (thread_.joinable()) thread_.join();
     connections_.clear();
-    for (int fd : listenFds_) ::close(fd);
-    if (wakeRead_ >= 0) ::close(wakeRead_);
-    if (wakeWrite_ >= 0) ::close(wakeWrite_);
-    if (!socketPath_.empty()) ::unlink(socketPath_.c_str());
-    if (!lockPath_.empty()) ::unlink(lockPath_.c_str());
+    binding_.reset();  // closes the listeners, removes the socket and lock files
 }
 
 void XServer::wake() {
     const std::uint8_t b = 1;
-    [[maybe_unused]] const ssize_t n = ::write(wakeWrite_, &b, 1);  // a full pipe is awake already
+    [[maybe_unused]] const ssize_t n = ::write(wakeWrite_.get(), &b, 1);  // a full pipe is awake already
 }
 
 void XServer::run() {
     std::vector<pollfd> fds;
     std::vector<Connection*> polled;
+    const auto& listeners = binding_->listeners();
     for (;;) {
         fds.clear();
         polled.clear();
@@ -378,8 +140,8 @@ void XServer::run() {
             }
             const bool lost = std::erase_if(connections_, [](const auto& c) { return !c->fd.valid(); }) > 0;
             if (lost) changed_.notify_all();
-            fds.push_back({wakeRead_, POLLIN, 0});
-            for (int fd : listenFds_) fds.push_back({fd, POLLIN, 0});
+            fds.push_back({wakeRead_.get(), POLLIN, 0});
+            for (const auto& fd : listeners) fds.push_back({fd.get(), POLLIN, 0});
             for (auto& c : connections_) {
                 short events = 0;
                 if (c->closing || c->pendingOut() < kOutputBackpressure) events |= POLLIN;
@@ -393,16 +155,16 @@ void XServer::run() {
         if (ready <= 0) continue;
         if (fds[0].revents) {
             std::uint8_t drain[64];
-            while (::read(wakeRead_, drain, sizeof drain) > 0) {
+            while (::read(wakeRead_.get(), drain, sizeof drain) > 0) {
             }
         }
-        for (std::size_t i = 0; i < listenFds_.size(); ++i) {
-            if (fds[1 + i].revents & POLLIN) acceptFrom(listenFds_[i]);
+        for (std::size_t i = 0; i < listeners.size(); ++i) {
+            if (fds[1 + i].revents & POLLIN) acceptFrom(listeners[i].get());
         }
         std::lock_guard lock(mutex_);
         for (std::size_t i = 0; i < polled.size(); ++i) {
             Connection& c = *polled[i];
-            const short re = fds[1 + listenFds_.size() + i].revents;
+            const short re = fds[1 + listeners.size() + i].revents;
             if (!c.fd.valid()) continue;
             if (re & POLLOUT) writeTo(c);
             if (c.fd.valid() && (re & (POLLIN | POLLHUP | POLLERR))) readFrom(c);
@@ -422,20 +184,16 @@ void XServer::acceptFrom(int listenFd) {
 }
 
 void XServer::readFrom(Connection& c) {
-    std::uint8_t buffer[kReadChunk];
-    const ssize_t got = ::recv(c.fd.get(), buffer, sizeof buffer, 0);
+    const std::span<std::uint8_t> room = c.in.room(c.incomplete);
+    const ssize_t got = ::recv(c.fd.get(), room.data(), room.size(), 0);
     if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) {
         c.fd.reset();  // the client went away (or broke): forget what it left half-sent
         return;
     }
     if (got < 0) return;
     if (c.closing) return;  // nothing more is served; wait for the client's end
-    c.in.insert(c.in.end(), buffer, buffer + got);
+    c.in.filled(static_cast<std::size_t>(got));
     process(c);
-    if (c.inPos > 0 && (c.inPos == c.in.size() || c.inPos > kReadChunk)) {
-        c.in.erase(c.in.begin(), c.in.begin() + static_cast<std::ptrdiff_t>(c.inPos));
-        c.inPos = 0;
-    }
     if (c.pendingOut() > 0) writeTo(c);
 }
 
@@ -477,170 +235,124 @@ void XServer::drop(Connection& c, bool afterFlush) {
 // The connection setup: byte order, protocol version, authorisation. Returns true when it
 // consumed the setup (successfully or not).
 bool XServer::processSetup(Connection& c) {
-    const std::span<const std::uint8_t> in(c.in.data() + c.inPos, c.in.size() - c.inPos);
-    if (in.empty()) return false;
-    if (in[0] == 'B') {
-        c.out = failedSetup("only little-endian clients are served\n", true);
+    x11::Setup setup;
+    switch (x11::parseSetup(c.in.pending(), setup)) {
+    case x11::SetupParse::NeedMore: return false;
+    case x11::SetupParse::BigEndian:
+        c.out = x11::failedSetup("only little-endian clients are served\n", true);
         drop(c, true);
         return true;
+    case x11::SetupParse::NotX: drop(c, false); return true;
+    case x11::SetupParse::Complete: break;
     }
-    if (in[0] != 'l') {
-        drop(c, false);  // not an X client
-        return true;
-    }
-    if (in.size() < 12) return false;
-    const std::uint16_t nameLen = bytes::get16(in, 6);
-    const std::uint16_t dataLen = bytes::get16(in, 8);
-    const std::size_t need = 12 + nameLen + bytes::pad4(nameLen) + dataLen + bytes::pad4(dataLen);
-    if (in.size() < need) return false;
-    const std::string_view name(reinterpret_cast<const char*>(in.data() + 12), nameLen);
-    const std::size_t dataAt = 12 + nameLen + bytes::pad4(nameLen);
-    const std::string_view data(reinterpret_cast<const char*>(in.data() + dataAt), dataLen);
-    c.inPos += need;
-
-    const std::uint16_t major = bytes::get16(in, 2);
     std::string_view refusal;
-    if (major != 11) {
+    if (setup.protocolMajor != 11) {
         refusal = "protocol version mismatch\n";
     } else if (!options_.cookie.empty()) {
-        if (name.empty()) refusal = "No protocol specified\n";
-        else if (name != kCookieName || data != options_.cookie) refusal = "Invalid MIT-MAGIC-COOKIE-1 key";
+        if (setup.authName.empty()) refusal = "No protocol specified\n";
+        else if (setup.authName != x11::kCookieName || setup.authData != options_.cookie) refusal = "Invalid MIT-MAGIC-COOKIE-1 key";
     }
+    c.in.consume(setup.length);
     if (!refusal.empty()) {
-        const auto failed = failedSetup(refusal, false);
-        c.out.insert(c.out.end(), failed.begin(), failed.end());
+        c.queue(x11::failedSetup(refusal, false));
         drop(c, true);
         return true;
     }
-    const auto accepted = acceptedSetup(c.id);
-    c.out.insert(c.out.end(), accepted.begin(), accepted.end());
+    c.queue(x11::acceptedSetup(c.id));
     c.ready = true;
     ++accepted_;
     changed_.notify_all();
     return true;
 }
 
-void XServer::queueError(Connection& c, std::uint8_t code, std::uint8_t major, std::uint16_t minor,
-                         std::uint32_t value) {
-    std::vector<std::uint8_t> e(32, 0);
-    e[1] = code;
-    bytes::put16(e, 2, static_cast<std::uint16_t>(c.sequence));
-    bytes::put32(e, 4, value);
-    bytes::put16(e, 8, minor);
-    e[10] = major;
-    c.out.insert(c.out.end(), e.begin(), e.end());
+void XServer::queueError(Connection& c, std::uint8_t code, std::uint8_t major, std::uint16_t minor) {
+    c.queue(x11::error(code, static_cast<std::uint16_t>(c.sequence), 0, minor, major));
 }
 
-// One request: its length (ordinary or big form), then the request itself. Returns true when
-// a request was consumed.
+// One request, parsed where it lies in the input buffer. Returns true when a request was
+// consumed.
 bool XServer::processRequest(Connection& c) {
-    const std::span<const std::uint8_t> in(c.in.data() + c.inPos, c.in.size() - c.inPos);
-    if (in.size() < 4) return false;
-    const std::uint8_t major = in[0];
-    const std::uint8_t minor = in[1];
-    std::size_t total = std::size_t{bytes::get16(in, 2)} * 4;
-    std::size_t headerLen = 4;
-    bool big = false;
-    if (total == 0) {
-        if (!c.bigEnabled) {
-            // Without BIG-REQUESTS a length of 0 leaves no way to find the next request.
-            ++c.sequence;
-            queueError(c, kBadLength, major, minor, 0);
-            drop(c, true);
-            return true;
-        }
-        if (in.size() < 8) return false;
-        const std::uint32_t units = bytes::get32(in, 4);
-        if (units < 2 || units > kBigRequestMaxUnits) {
-            ++c.sequence;
-            queueError(c, kBadLength, major, minor, 0);
-            drop(c, true);
-            return true;
-        }
-        total = std::size_t{units} * 4;
-        headerLen = 8;
-        big = true;
-    }
-    if (in.size() < total) {
-        c.in.reserve(c.inPos + total);
+    const std::span<std::uint8_t> in = c.in.pending();
+    x11::RequestFrame frame;
+    const x11::FrameParse parsed = x11::parseRequestFrame(in, c.bigEnabled, kBigRequestMaxUnits, frame);
+    if (parsed == x11::FrameParse::NeedMore) {
+        c.incomplete = frame.total;
         return false;
     }
+    c.incomplete = 0;
+    const std::uint8_t major = in[0];
+    const std::uint8_t minor = in[1];
     ++c.sequence;
-    std::vector<std::uint8_t> normal;
-    if (!big && c.inPos == 0 && total == c.in.size()) {
-        // The buffer holds exactly this request (the usual case for a client that waits for
-        // answers): hand it over instead of copying it.
-        normal = std::move(c.in);
-        c.in.clear();
-    } else {
-        normal.reserve(total - headerLen + 4);
-        normal.insert(normal.end(), in.begin(), in.begin() + 4);
-        normal.insert(normal.end(), in.begin() + static_cast<std::ptrdiff_t>(headerLen),
-                      in.begin() + static_cast<std::ptrdiff_t>(total));
-        if (big) bytes::put16(normal, 2, 0);
-        c.inPos += total;
+    if (parsed == x11::FrameParse::BadLength) {
+        queueError(c, x11::kBadLength, major, minor);
+        drop(c, true);
+        return true;
     }
-
+    // The ordinary form of a big request: its 4-byte header moved over the length word, with
+    // the length field 0, so the body follows the header as in an ordinary request.
+    std::span<std::uint8_t> request = in.first(frame.total);
+    if (frame.big) {
+        request = request.subspan(4);
+        request[0] = major;
+        request[1] = minor;
+        bytes::put16(request, 2, 0);
+    }
     const bool vendor = (major == kFileTransferOpcode && options_.fileTransferExtension) ||
                         (major == kPrintOpcode && options_.printExtension);
     if (vendor) {
-        Request r;
-        r.major = major;
-        r.minor = minor;
-        r.sequence = static_cast<std::uint16_t>(c.sequence);
-        r.big = big;
-        r.client = c.id;
-        r.bytes = std::move(normal);
+        const RequestView view{major, minor, static_cast<std::uint16_t>(c.sequence), frame.big, c.id, request};
         if (handler_) {
-            handler_(r);
-            return true;
+            handler_(view);
+        } else {
+            requests_.push_back(Request{view.major, view.minor, view.sequence, view.big, view.client,
+                                        std::vector<std::uint8_t>(request.begin(), request.end())});
+            changed_.notify_all();
         }
-        requests_.push_back(std::move(r));
-        changed_.notify_all();
-        return true;
+    } else {
+        handleCore(c, request);
+        if (c.pendingOut() > kOutputLimit) drop(c, false);
     }
-    handleCore(c, normal);
-    if (c.out.size() - c.outPos > kOutputLimit) drop(c, false);
+    c.in.consume(frame.total);
     return true;
 }
 
 void XServer::handleCore(Connection& c, std::span<const std::uint8_t> req) {
     const auto seq = static_cast<std::uint16_t>(c.sequence);
     const std::uint8_t major = req[0];
-    if (major == kQueryExtension) {
+    if (major == x11::kQueryExtension) {
         bytes::Reader r(req, 4);
         const std::uint16_t n = r.u16();
         r.skip(2);
         const std::string_view name = r.text(n);
         if (!r.ok()) {
-            queueError(c, kBadLength, major, 0, 0);
+            queueError(c, x11::kBadLength, major, 0);
             return;
         }
         std::uint8_t opcode = 0;
-        if (name == kFileTransferName && options_.fileTransferExtension) opcode = kFileTransferOpcode;
-        else if (name == kPrintName && options_.printExtension) opcode = kPrintOpcode;
-        else if (name == kBigRequestsName && options_.bigRequests) opcode = kBigRequestsOpcode;
-        auto reply = reply32(0, seq);
+        if (name == x11::kFileTransferName && options_.fileTransferExtension) opcode = kFileTransferOpcode;
+        else if (name == x11::kPrintName && options_.printExtension) opcode = kPrintOpcode;
+        else if (name == x11::kBigRequestsName && options_.bigRequests) opcode = kBigRequestsOpcode;
+        auto reply = x11::reply(0, seq);
         reply[8] = opcode != 0 ? 1 : 0;
         reply[9] = opcode;
-        c.out.insert(c.out.end(), reply.begin(), reply.end());
+        c.queue(reply);
         return;
     }
-    if (major == kGetInputFocus) {
-        auto reply = reply32(1, seq);  // revert to PointerRoot
-        bytes::put32(reply, 8, 1);     // focus: PointerRoot
-        c.out.insert(c.out.end(), reply.begin(), reply.end());
+    if (major == x11::kGetInputFocus) {
+        auto reply = x11::reply(1, seq);  // revert to PointerRoot
+        bytes::put32(reply, 8, 1);        // focus: PointerRoot
+        c.queue(reply);
         return;
     }
     if (major == kBigRequestsOpcode && options_.bigRequests && req[1] == 0) {
-        auto reply = reply32(0, seq);
+        auto reply = x11::reply(0, seq);
         bytes::put32(reply, 8, kBigRequestMaxUnits);
-        c.out.insert(c.out.end(), reply.begin(), reply.end());
+        c.queue(reply);
         c.bigEnabled = true;
         return;
     }
     const bool extension = major >= 128;
-    queueError(c, kBadRequest, major, extension ? req[1] : 0, 0);
+    queueError(c, x11::kBadRequest, major, extension ? req[1] : 0);
 }
 
 XServer::Connection* XServer::findClient(std::uint32_t id) const {
@@ -686,7 +398,7 @@ bool XServer::enqueueParts(Connection* c, std::initializer_list<std::span<const 
     for (const auto& p : parts) {
         const std::size_t drop = std::min(skip, p.size());
         skip -= drop;
-        c->out.insert(c->out.end(), p.begin() + static_cast<std::ptrdiff_t>(drop), p.end());
+        c->queue(p.subspan(drop));
     }
     wake();
     return true;
@@ -694,17 +406,26 @@ bool XServer::enqueueParts(Connection* c, std::initializer_list<std::span<const 
 
 bool XServer::waitForClient(std::chrono::milliseconds timeout) {
     std::unique_lock lock(mutex_);
-    if (!changed_.wait_for(lock, timeout, [&] { return current() != nullptr || accepted_ > reported_; })) return false;
+    if (!changed_.wait_for(lock, timeout, [&] { return interrupted_ || current() != nullptr || accepted_ > reported_; }))
+        return false;
+    if (interrupted_) return false;
     reported_ = accepted_;
     return true;
 }
 
 std::optional<Request> XServer::nextRequest(std::chrono::milliseconds timeout) {
     std::unique_lock lock(mutex_);
-    if (!changed_.wait_for(lock, timeout, [&] { return !requests_.empty(); })) return std::nullopt;
+    if (!changed_.wait_for(lock, timeout, [&] { return interrupted_ || !requests_.empty(); }) || interrupted_)
+        return std::nullopt;
     Request r = std::move(requests_.front());
     requests_.pop_front();
     return r;
+}
+
+void XServer::interruptWaits() {
+    std::lock_guard lock(mutex_);
+    interrupted_ = true;
+    changed_.notify_all();
 }
 
 bool XServer::isConnected(std::uint32_t client) const {
@@ -735,14 +456,8 @@ bool XServer::queueGenericEvent(Connection* c, std::uint16_t eventType, std::spa
     const std::size_t padding = bytes::pad4(extra.size());
     const std::size_t padded = extra.size() + padding;
     if (padded / 4 > 0xFFFFFFFFu) return false;
-    std::array<std::uint8_t, 32> header{};
-    header[0] = 35;
-    header[1] = kFileTransferOpcode;
-    bytes::put16(header, 2, static_cast<std::uint16_t>(c->sequence));
-    bytes::put32(header, 4, static_cast<std::uint32_t>(padded / 4));
-    bytes::put16(header, 8, eventType);
-    const std::size_t h = std::min<std::size_t>(header22.size(), 22);
-    std::copy_n(header22.begin(), h, header.begin() + 10);
+    const auto header = x11::genericEventHeader(kFileTransferOpcode, static_cast<std::uint16_t>(c->sequence), eventType,
+                                                padded, header22);
     static constexpr std::uint8_t kZeros[4] = {};
     return enqueueParts(c, {header, extra, std::span<const std::uint8_t>(kZeros, padding)});
 }
@@ -752,7 +467,7 @@ bool XServer::sendRaw(std::span<const std::uint8_t> data) {
     return enqueue(current(), data);
 }
 
-bool XServer::sendPrintReply(const Request& request, std::uint8_t code, std::string_view reason) {
+bool XServer::sendPrintReply(const RequestView& request, std::uint8_t code, std::string_view reason) {
     std::lock_guard lock(mutex_);
     Connection* c = findClient(request.client);
     if (!c) return false;
@@ -764,20 +479,14 @@ bool XServer::sendPrintReply(const Request& request, std::uint8_t code, std::str
     return enqueue(c, r);
 }
 
-bool XServer::sendError(const Request& request, std::uint8_t errorCode, std::uint32_t resourceId) {
+bool XServer::sendError(const RequestView& request, std::uint8_t errorCode, std::uint32_t resourceId) {
     std::lock_guard lock(mutex_);
     Connection* c = findClient(request.client);
     if (!c) return false;
-    std::vector<std::uint8_t> e(32, 0);
-    e[1] = errorCode;
-    bytes::put16(e, 2, request.sequence);
-    bytes::put32(e, 4, resourceId);
-    bytes::put16(e, 8, request.minor);
-    e[10] = request.major;
-    return enqueue(c, e);
+    return enqueue(c, x11::error(errorCode, request.sequence, resourceId, request.minor, request.major));
 }
 
-void XServer::setRequestHandler(std::function<void(const Request&)> handler) {
+void XServer::setRequestHandler(std::function<void(const RequestView&)> handler) {
     std::lock_guard lock(mutex_);
     handler_ = std::move(handler);
 }

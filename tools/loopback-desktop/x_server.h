@@ -9,6 +9,8 @@
 // the order of replies, errors and events is the order in which they were produced.
 #pragma once
 
+#include "display_socket.h"
+
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -33,6 +35,16 @@ struct ServerOptions {
     bool fileTransferExtension = true, printExtension = true, bigRequests = true;
 };
 
+// One vendor request as the server reads it, a view into its input buffer that lasts until the
+// request handler returns (see XServer::setRequestHandler).
+struct RequestView {
+    std::uint8_t major = 0, minor = 0;
+    std::uint16_t sequence = 0;
+    bool big = false;
+    std::uint32_t client = 0;
+    std::span<const std::uint8_t> bytes;  // in ordinary form, as Request::bytes
+};
+
 // One vendor request as the client sent it.
 struct Request {
     std::uint8_t major = 0, minor = 0;
@@ -44,6 +56,8 @@ struct Request {
     // offset it has in the ordinary form; the length field then holds 0 and the real length is
     // bytes.size().
     std::vector<std::uint8_t> bytes;
+
+    operator RequestView() const { return {major, minor, sequence, big, client, bytes}; }
 };
 
 // Major opcodes the server hands out.
@@ -88,14 +102,19 @@ public:
     // Anything, as is, to the current client.
     bool sendRaw(std::span<const std::uint8_t> bytes);
     // The reply to a print request: code, and a reason text carried after byte 32.
-    bool sendPrintReply(const Request& request, std::uint8_t code, std::string_view reason = {});
+    bool sendPrintReply(const RequestView& request, std::uint8_t code, std::string_view reason = {});
     // An X error for a request.
-    bool sendError(const Request& request, std::uint8_t errorCode, std::uint32_t resourceId = 0);
+    bool sendError(const RequestView& request, std::uint8_t errorCode, std::uint32_t resourceId = 0);
     // Hands every vendor request to `handler` on the server thread, as it is read, instead of
-    // queueing it for nextRequest. The handler may answer at once through the send* calls (it
-    // must not wait for anything). A far side that answers this way pays no thread switch per
-    // message, which is what the throughput benchmarks need. Set it before the client connects.
-    void setRequestHandler(std::function<void(const Request&)> handler);
+    // queueing it for nextRequest. The request's bytes are a view into the input buffer, not a
+    // copy; they are valid until the handler returns. The handler may answer at once through
+    // the send* calls (it must not wait for anything). A far side that answers this way pays
+    // no copy and no thread switch per message, which is what the throughput benchmarks need.
+    // Set it before the client connects.
+    void setRequestHandler(std::function<void(const RequestView&)> handler);
+    // Makes every nextRequest and waitForClient return at once (nothing, false) from now on:
+    // for a far side that is told to stop while it waits.
+    void interruptWaits();
     // Drops the current client once what was queued for it is written (or after a short grace).
     void closeClient();
 
@@ -111,8 +130,7 @@ private:
     bool processSetup(Connection& c);
     bool processRequest(Connection& c);
     void handleCore(Connection& c, std::span<const std::uint8_t> req);
-    void queueError(Connection& c, std::uint8_t code, std::uint8_t major, std::uint16_t minor,
-                    std::uint32_t value);
+    void queueError(Connection& c, std::uint8_t code, std::uint8_t major, std::uint16_t minor);
     void drop(Connection& c, bool afterFlush);
     Connection* findClient(std::uint32_t id) const;
     Connection* current() const;
@@ -123,21 +141,21 @@ private:
 
     ServerOptions options_;
     int display_ = -1;
-    std::string socketPath_, lockPath_;
-    std::vector<int> listenFds_;
-    int wakeRead_ = -1, wakeWrite_ = -1;
+    std::unique_ptr<DisplayBinding> binding_;  // the listening sockets, lock and socket files
+    Fd wakeRead_, wakeWrite_;
     std::thread thread_;
     bool stopping_ = false;
 
     // Recursive: a request handler runs under it on the server thread and may call send*.
     mutable std::recursive_mutex mutex_;
     std::condition_variable_any changed_;
-    std::function<void(const Request&)> handler_;
+    std::function<void(const RequestView&)> handler_;
     std::vector<std::unique_ptr<Connection>> connections_;
     std::deque<Request> requests_;
     std::uint32_t nextId_ = 1;
     std::uint32_t accepted_ = 0;
     std::uint32_t reported_ = 0;  // accepted_ as of the last successful waitForClient
+    bool interrupted_ = false;
 };
 
 }  // namespace loopback
