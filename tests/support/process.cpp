@@ -47,8 +47,11 @@ RunningProcess::RunningProcess(const std::string& program, const RunOptions& opt
     for (auto& e : envStore) envp.push_back(e.data());
     envp.push_back(nullptr);
 
+    // A child that exits before reading all its input must not take the test down with it.
+    ::signal(SIGPIPE, SIG_IGN);
     pid_ = ::fork();
     if (pid_ == 0) {
+        ::signal(SIGPIPE, SIG_DFL);
         if (options.input) {
             ::dup2(in[0], 0);
         } else {
