@@ -178,7 +178,7 @@ std::string renderProgress(const ProgressState& state, std::size_t columns) {
         unsigned whole = 100;
         if (state.done < state.total) {
             whole = static_cast<unsigned>(100.0L * state.done / state.total);
-            whole = std::min(whole, 99u);
+            whole = std::min(whole, 99u);  // where long double is double, the division may round up
         }
         percent = std::to_string(whole) + "%";
     }
