@@ -292,3 +292,15 @@ bool appendToLogFile(const std::string& path, std::string_view text);
 void writeStandardError(std::string_view text);
 
 }  // namespace platform
+
+// ==== The terminal and the clock (the progress display) ======================================
+
+namespace platform {
+
+// Columns of the terminal standard error is written to (TIOCGWINSZ); 80 when it is not a
+// terminal or does not say. Asked afresh on every call, so a resized terminal is followed.
+unsigned terminalColumns();
+// Milliseconds from a clock that never goes back (not the time of day).
+std::uint64_t monotonicMilliseconds();
+
+}  // namespace platform

@@ -14,6 +14,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <fnmatch.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
@@ -857,6 +858,24 @@ int removeDirectoryTree(const std::string& path) {
     DirectoryHandle parent;
     if (!parent.open(parentPath)) return 0;
     return parent.removeTreeAt(name);
+}
+
+}  // namespace platform
+
+// ==== The terminal and the clock ==============================================================
+
+namespace platform {
+
+unsigned terminalColumns() {
+    struct winsize size {};
+    if (::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return 80;
+    return size.ws_col;
+}
+
+std::uint64_t monotonicMilliseconds() {
+    struct timespec now {};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<std::uint64_t>(now.tv_sec) * 1000u + static_cast<std::uint64_t>(now.tv_nsec) / 1000000u;
 }
 
 }  // namespace platform
