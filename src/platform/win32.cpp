@@ -136,7 +136,9 @@ bool isLinkTag(DWORD tag) { return IsReparseTagNameSurrogate(tag) != 0; }
 // set for a reparse point, 0 otherwise.
 bool attributesOf(const std::wstring& path, WIN32_FILE_ATTRIBUTE_DATA& data, DWORD& tag) {
     tag = 0;
-    if (path.find_first_of(L"*?") != std::wstring::npos) {
+    // Wildcards would make the directory search below match other names ("\\?\" is no wildcard).
+    const std::size_t from = path.rfind(L"\\\\?\\", 0) == 0 ? 4 : 0;
+    if (path.find_first_of(L"*?", from) != std::wstring::npos) {
         SetLastError(ERROR_INVALID_NAME);
         return false;
     }
@@ -178,8 +180,8 @@ bool linkStatusWide(const std::wstring& path, Status& out) {
 
 constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
-// "An operation is not supported on a directory." (not in every SDK's headers)
-constexpr DWORD kDirectoryNotSupported = 336;
+// What the system answers for a directory where a file is expected (DeleteFileW, CreateFileW).
+constexpr DWORD kDirectoryNotSupported = ERROR_ACCESS_DENIED;
 
 // The final path of an open handle, "\\?\C:\dir" form (long paths and exact names accepted).
 bool finalPath(HANDLE handle, std::wstring& out) {
