@@ -16,7 +16,11 @@
 namespace platform {
 
 // The separator this platform joins paths with.
+#ifdef _WIN32
+inline constexpr char kSeparator = '\\';
+#else
 inline constexpr char kSeparator = '/';
+#endif
 
 // ---- errors ---------------------------------------------------------------------------------
 
