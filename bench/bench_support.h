@@ -22,4 +22,26 @@ pid_t spawn(const std::vector<std::string>& args, const std::vector<std::string>
 // resource use (CPU time, peak resident set).
 bool reap(pid_t pid, rusage* usage = nullptr);
 
+// Medians and ranges of repeated measurements, and the one-line-per-figure rows that
+// bench/table.py turns into the benchmark table:
+//   row|<figure>|<unit>|<value per run, comma-separated>|<ratio per run, or empty>|<aim, or empty>
+//   note|<text>
+// A ratio above 1 is better than its reference; the aim is the smallest ratio that meets it.
+void printRow(const std::string& figure, const std::string& unit, const std::vector<double>& values,
+              const std::vector<double>& ratios = {}, double aim = 0);
+void printNote(const std::string& text);
+double median(std::vector<double> values);
+
+// A loopback-desktop program serving one client, started with `args` (args[0] is its path). Once
+// started, `display` is the display it serves (":N"); empty on failure.
+struct Desktop {
+    pid_t pid = -1;
+    int output = -1;
+    std::string display;
+};
+Desktop startDesktop(const std::vector<std::string>& args);
+// Waits for it to end by itself after its client (or stops it first when `stop`); true when it
+// ran and ended.
+bool finishDesktop(Desktop& desktop, bool stop);
+
 }  // namespace bench

@@ -1,14 +1,16 @@
-// Throughput of -put and -get through the loopback desktop on a Unix socket, beside the limit
-// of the same lockstep exchange between two minimal processes that touch no disk.
+// Throughput of varoft -put and -get against a minimal X server that only answers (so the figure
+// is varoft's own) and through the loopback-desktop program, beside the limit of the same
+// lockstep exchange between two minimal processes that touch no disk, and for -get beside the
+// local file system's write speed alone.
 //
 //   transfer_bench [--size MiB] [--dir DIR] [--runs N] [--tree DIR]
 //
 // With --tree, -putd and -getd of that directory are measured beside the pack and unpack streams
 // alone, the far side dropping (or supplying from memory) the archive bytes.
 //
-// Prints one table row per case: MB/s, the ratio to the limit, and for varoft its CPU time
-// (user + system) and peak resident set size. Rows for reading and writing the file alone show
-// what the local file system itself allows.
+// Every case runs once per run, in an order reversed every other run, each after a sync; the
+// output is rows for bench/table.py (see bench_support.h): the medians and ranges of the runs,
+// and each ratio taken within a run.
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -17,12 +19,12 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <functional>
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -32,6 +34,7 @@
 #include "common/bytes.h"
 #include "bench_support.h"
 #include "x_server.h"
+#include "transfer_answer.h"
 
 namespace {
 
@@ -90,96 +93,46 @@ std::unique_ptr<loopback::XServer> startServer() {
     return server;
 }
 
-// Waits for the far side, answering on the server thread, to say the exchange is over.
-class Finish {
-public:
-    void set(bool ok) {
-        std::lock_guard lock(mutex_);
-        if (done_) return;
-        done_ = true;
-        ok_ = ok;
-        at_ = Clock::now();
-        cv_.notify_all();
-    }
-    bool wait(std::chrono::seconds timeout) {
-        std::unique_lock lock(mutex_);
-        return cv_.wait_for(lock, timeout, [&] { return done_; }) && ok_;
-    }
-    Clock::time_point at() const { return at_; }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    bool done_ = false, ok_ = false;
-    Clock::time_point at_{};
-};
-
-// -put: the far side answers each chunk with the next request for one, on the server thread.
-Outcome runPut(const std::string& file, std::uint64_t size) {
+// varoft against the minimal X server, which times the transfer itself.
+Outcome runMinimal(bool get, const std::string& file, std::uint64_t size) {
     Outcome out;
-    auto server = startServer();
-    if (!server) return out;
-    loopback::XServer* far = server.get();
-    const auto ask = transferEvent(1, 5, "?", file, nullptr, 0);
-    std::uint64_t received = 0;
-    Clock::time_point start{};
-    Finish finish;
-    far->setRequestHandler([&](const loopback::RequestView& r) {
-        std::uint8_t kind = 0;
-        std::uint32_t length = 0;
-        if (!replyKind(r, kind, length)) return finish.set(false);
-        if (kind == 10) start = Clock::now();
-        else if (kind == 4) received += length;
-        else return finish.set(kind == 8);
-        if (!far->sendGenericEvent(90, ask)) finish.set(false);
-    });
-    const pid_t pid = spawn({VAROFT_BINARY, "-display", server->displayName(), "-put", file});
-    const bool ok = finish.wait(120s);
-    out.seconds = std::chrono::duration<double>(finish.at() - start).count();
-    out.ok = reap(pid, out) && ok && received == size;
+    if (get) ::unlink(file.c_str());
+    const bench::TransferAnswerer answerer = bench::startTransferAnswerer(get, size);
+    if (answerer.pid <= 0) return out;
+    const std::string display = ":" + std::to_string(answerer.display);
+    const pid_t pid = get ? spawn({VAROFT_BINARY, "-display", display, "-get", "remote.bin", file})
+                          : spawn({VAROFT_BINARY, "-display", display, "-put", file});
+    const bool ok = reap(pid, out);
+    out.seconds = bench::finishTransferAnswerer(answerer, size);
+    out.ok = ok && out.seconds > 0;
+    if (get) {
+        struct stat st {};
+        out.ok = out.ok && ::stat(file.c_str(), &st) == 0 && static_cast<std::uint64_t>(st.st_size) == size;
+        ::unlink(file.c_str());
+    }
     return out;
 }
 
-// -get: the far side answers each acknowledgement with the next chunk, on the server thread.
-Outcome runGet(const std::string& target, std::uint64_t size) {
+// varoft through the loopback-desktop program, from varoft's start to its end: -put stores the
+// file in the desktop's folder as put.bin, -get takes remote.bin from it.
+Outcome runDesktop(bool get, const std::string& file, const std::string& folder, std::uint64_t size) {
     Outcome out;
-    auto server = startServer();
-    if (!server) return out;
-    ::unlink(target.c_str());
-    loopback::XServer* far = server.get();
-    std::vector<std::uint8_t> chunk(kChunk);
-    for (std::size_t i = 0; i < chunk.size(); ++i) chunk[i] = static_cast<std::uint8_t>(i * 131 + 7);
-    // Every full chunk carries the same event; a far side reads its file into one buffer too.
-    const auto fullChunk = transferEvent(2, 4, "remote.bin", target, chunk.data(), kChunk);
-    std::uint64_t sent = 0;
-    Clock::time_point start{};
-    Finish finish;
-    auto sendNext = [&] {
-        if (sent == size) {
-            finish.set(far->sendGenericEvent(90, transferEvent(2, 8, "remote.bin", target, nullptr, 0)));
-            return;
-        }
-        const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, size - sent));
-        sent += n;
-        const bool ok = n == kChunk ? far->sendGenericEvent(90, fullChunk)
-                                    : far->sendGenericEvent(90, transferEvent(2, 4, "remote.bin", target, chunk.data(), n));
-        if (!ok) finish.set(false);
-    };
-    far->setRequestHandler([&](const loopback::RequestView& r) {
-        std::uint8_t kind = 0;
-        std::uint32_t length = 0;
-        if (!replyKind(r, kind, length)) return finish.set(false);
-        if (kind == 10) start = Clock::now();
-        else if (kind != 5) return finish.set(false);
-        sendNext();
-    });
-    const pid_t pid = spawn({VAROFT_BINARY, "-display", server->displayName(), "-get", "remote.bin", target});
-    const bool ok = finish.wait(120s);
-    out.ok = reap(pid, out) && ok;  // varoft has closed the file when it ends
+    if (get) ::unlink(file.c_str());
+    bench::Desktop desktop = bench::startDesktop({LOOPBACK_DESKTOP_BINARY, "--folder", folder, "--once"});
+    if (desktop.display.empty()) {
+        bench::finishDesktop(desktop, true);
+        return out;
+    }
+    const auto start = Clock::now();
+    const pid_t pid = get ? spawn({VAROFT_BINARY, "-display", desktop.display, "-get", "remote.bin", file})
+                          : spawn({VAROFT_BINARY, "-display", desktop.display, "-put", file, "put.bin"});
+    const bool ok = reap(pid, out);
     out.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    out.ok = bench::finishDesktop(desktop, !ok) && ok;
+    const std::string written = get ? file : folder + "/put.bin";
     struct stat st {};
-    out.ok = out.ok && ::stat(target.c_str(), &st) == 0 && static_cast<std::uint64_t>(st.st_size) == size;
-    ::unlink(target.c_str());
+    out.ok = out.ok && ::stat(written.c_str(), &st) == 0 && static_cast<std::uint64_t>(st.st_size) == size;
+    ::unlink(written.c_str());
     return out;
 }
 
@@ -251,27 +204,43 @@ bool makeSource(const std::string& path, std::uint64_t size) {
     return ::close(fd) == 0 && ok;
 }
 
-void row(const char* name, const Outcome& o, std::uint64_t size, double limitSeconds, bool isVaroft) {
-    const double mb = static_cast<double>(size) / 1e6;
-    if (!o.ok) {
-        std::printf("%-22s %10s\n", name, "FAILED");
-        return;
+// Medians and ranges of several runs of each case, and ratios taken within each run.
+struct Series {
+    std::vector<double> seconds, cpu, peak;
+    bool failed = false;
+    void add(const Outcome& o) {
+        if (!o.ok) failed = true;
+        seconds.push_back(o.ok ? o.seconds : 0);
+        cpu.push_back(o.cpuSeconds);
+        peak.push_back(o.peakMiB);
     }
-    std::printf("%-22s %10.1f %8.2f", name, mb / o.seconds, limitSeconds / o.seconds);
-    if (isVaroft) std::printf(" %10.2f %10.1f", o.cpuSeconds, o.peakMiB);
-    std::printf("\n");
-}
+    std::vector<double> rates(std::uint64_t bytes) const {
+        std::vector<double> out;
+        for (const double s : seconds) out.push_back(s > 0 ? static_cast<double>(bytes) / 1e6 / s : 0);
+        return out;
+    }
+    // Per run: the reference's seconds (the slower of the given references) over ours.
+    std::vector<double> ratios(std::initializer_list<const Series*> references) const {
+        std::vector<double> out;
+        for (std::size_t i = 0; i < seconds.size(); ++i) {
+            double reference = 0;
+            for (const Series* r : references) reference = std::max(reference, r->seconds[i]);
+            out.push_back(seconds[i] > 0 ? reference / seconds[i] : 0);
+        }
+        return out;
+    }
+};
 
-// The best (fastest) of several runs.
-template <typename F>
-Outcome best(int runs, F f) {
-    Outcome top;
-    for (int i = 0; i < runs; ++i) {
-        const Outcome o = f();
-        if (!o.ok) return o;
-        if (!top.ok || o.seconds < top.seconds) top = o;
+// Runs each case once per run, after a sync (a case that writes leaves dirty pages whose
+// write-back would otherwise land on the next), in an order reversed every other run.
+void runInTurns(int runs, std::vector<std::function<void()>> cases) {
+    for (int run = 0; run < runs; ++run) {
+        std::fprintf(stderr, "run %d of %d ...\n", run + 1, runs);
+        for (std::size_t i = 0; i < cases.size(); ++i) {
+            ::sync();
+            cases[run % 2 ? cases.size() - 1 - i : i]();
+        }
     }
-    return top;
 }
 
 // ---- directories: varoft -putd / -getd beside the pack and unpack streams alone ------------------
@@ -398,45 +367,27 @@ Outcome runGetDir(const ArchiveFile& zip, const std::string& target) {
 void directoryRows(const std::string& tree, const std::string& dir, int runs) {
     ArchiveFile zip{dir + "/varoft-bench-tree.zip", 0};
     if (!runPackAlone(tree, &zip.path, &zip.size).ok) {
-        std::printf("directory cases: cannot pack %s\n", tree.c_str());
+        bench::printNote("directory cases: cannot pack " + tree);
         return;
     }
     const std::string target = dir + "/varoft-bench-tree-out";
-    // The cases take turns, each after a sync: a run that writes the tree leaves hundreds of MB
-    // of dirty pages whose write-back would otherwise land on whichever case comes next.
-    auto synced = [](auto run) {
-        return [run] {
-            ::sync();
-            return run();
-        };
-    };
-    Outcome pack, putd, unpack, getd;
-    auto keepBest = [](Outcome& top, const Outcome& o) {
-        if (!o.ok || (top.ok && top.seconds <= o.seconds)) return;
-        top = o;
-    };
-    for (int i = 0; i < runs; ++i) {
-        keepBest(pack, synced([&] { return runPackAlone(tree, nullptr); })());
-        keepBest(putd, synced([&] { return runPutDir(tree, zip.size); })());
-        keepBest(unpack, synced([&] { return runUnpackAlone(zip, target); })());
-        keepBest(getd, synced([&] { return runGetDir(zip, target); })());
-    }
+    Series pack, putd, unpack, getd;
+    runInTurns(runs, {[&] { pack.add(runPackAlone(tree, nullptr)); }, [&] { putd.add(runPutDir(tree, zip.size)); },
+                      [&] { unpack.add(runUnpackAlone(zip, target)); }, [&] { getd.add(runGetDir(zip, target)); }});
     ::unlink(zip.path.c_str());
-    std::printf("\ndirectory %s as a %.1f MB archive, best of %d (ratio: the stream alone = 1.00)\n",
-                tree.c_str(), static_cast<double>(zip.size) / 1e6, runs);
-    std::printf("%-22s %10s %8s %10s %10s\n", "case", "MB/s", "ratio", "cpu s", "peak MiB");
-    row("pack stream alone", pack, zip.size, pack.seconds, false);
-    row("varoft -putd", putd, zip.size, pack.seconds, true);
-    row("unpack stream alone", unpack, zip.size, unpack.seconds, false);
-    row("varoft -getd", getd, zip.size, unpack.seconds, true);
+    bench::printRow("pack stream alone (" + std::to_string(zip.size / 1000000) + " MB zip)", "MB/s", pack.rates(zip.size));
+    bench::printRow("-putd vs the pack stream alone", "MB/s", putd.rates(zip.size), putd.ratios({&pack}));
+    bench::printRow("unpack stream alone", "MB/s", unpack.rates(zip.size));
+    bench::printRow("-getd vs the unpack stream alone", "MB/s", getd.rates(zip.size), getd.ratios({&unpack}));
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     std::uint64_t mib = 1024;
-    std::string dir = "/tmp";
-    int runs = 1;
+    const char* tmp = std::getenv("TMPDIR");
+    std::string dir = tmp && *tmp ? tmp : "/var/tmp";
+    int runs = 5;
     std::string tree;  // a directory for the -putd / -getd cases (none: they are left out)
     for (int i = 1; i + 1 < argc; i += 2) {
         if (!std::strcmp(argv[i], "--size")) mib = std::strtoull(argv[i + 1], nullptr, 10);
@@ -448,29 +399,45 @@ int main(int argc, char** argv) {
     const std::uint64_t rounds = (size + kChunk - 1) / kChunk;
     const std::string source = dir + "/varoft-bench-source.bin";
     const std::string target = dir + "/varoft-bench-target.bin";
-    if (!makeSource(source, size)) {
+    const std::string folder = dir + "/varoft-bench-desktop";
+    std::error_code ec;
+    std::filesystem::create_directories(folder, ec);
+    ::unlink((folder + "/remote.bin").c_str());
+    if (!makeSource(source, size) || ::link(source.c_str(), (folder + "/remote.bin").c_str()) != 0) {
         std::fprintf(stderr, "bench: cannot write %s\n", source.c_str());
         return 1;
     }
 
     // -put: a small event asks, a chunk comes back. -get: a chunk goes out, a small reply comes back.
-    const Outcome putLimit = best(runs, [&] { return runLimit(32 + 24 + 64, 24 + kChunk, rounds); });
-    const Outcome getLimit = best(runs, [&] { return runLimit(32 + 24 + 64 + kChunk, 24 + 64, rounds); });
-    const Outcome readDisk = best(runs, [&] { return runDisk(source, size, false); });
-    const Outcome writeDisk = best(runs, [&] { return runDisk(target, size, true); });
-    const Outcome put = best(runs, [&] { return runPut(source, size); });
-    const Outcome get = best(runs, [&] { return runGet(target, size); });
-
-    std::printf("transfer of %llu MiB in %llu chunks of %zu bytes, best of %d\n",
-                static_cast<unsigned long long>(mib), static_cast<unsigned long long>(rounds), kChunk, runs);
-    std::printf("%-22s %10s %8s %10s %10s\n", "case", "MB/s", "ratio", "cpu s", "peak MiB");
-    row("limit (put exchange)", putLimit, size, putLimit.seconds, false);
-    row("local read alone", readDisk, size, putLimit.seconds, false);
-    row("varoft -put", put, size, putLimit.seconds, true);
-    row("limit (get exchange)", getLimit, size, getLimit.seconds, false);
-    row("local write alone", writeDisk, size, getLimit.seconds, false);
-    row("varoft -get", get, size, getLimit.seconds, true);
+    Series putLimit, put, putDesktop, getLimit, disk, get, getDesktop;
+    runInTurns(runs, {
+        [&] { putLimit.add(runLimit(32 + 24 + 64, 24 + kChunk, rounds)); },
+        [&] { put.add(runMinimal(false, source, size)); },
+        [&] { putDesktop.add(runDesktop(false, source, folder, size)); },
+        [&] { getLimit.add(runLimit(32 + 24 + 64 + kChunk, 24 + 64, rounds)); },
+        [&] { disk.add(runDisk(target, size, true)); },
+        [&] { get.add(runMinimal(true, target, size)); },
+        [&] { getDesktop.add(runDesktop(true, target, folder, size)); },
+    });
     ::unlink(source.c_str());
+    std::filesystem::remove_all(folder, ec);
+
+    const std::string mb = " (" + std::to_string(mib) + " MiB)";
+    bench::printRow("lockstep limit, put exchange" + mb, "MB/s", putLimit.rates(size));
+    bench::printRow("-put vs limit, minimal X server", "MB/s", put.rates(size), put.ratios({&putLimit}), 0.85);
+    bench::printRow("-put vs limit, loopback desktop", "MB/s", putDesktop.rates(size), putDesktop.ratios({&putLimit}), 0.80);
+    bench::printRow("lockstep limit, get exchange", "MB/s", getLimit.rates(size));
+    bench::printRow("disk write alone (" + dir + ")", "MB/s", disk.rates(size));
+    bench::printRow("-get vs min(limit, disk), minimal X", "MB/s", get.rates(size), get.ratios({&getLimit, &disk}), 0.85);
+    bench::printRow("-get vs min(limit, disk), desktop", "MB/s", getDesktop.rates(size), getDesktop.ratios({&getLimit, &disk}));
+    char note[200];
+    std::snprintf(note, sizeof note, "varoft CPU s (median), minimal X server: -put %.2f, -get %.2f; peak RSS %.1f / %.1f MiB",
+                  bench::median(put.cpu), bench::median(get.cpu), *std::max_element(put.peak.begin(), put.peak.end()),
+                  *std::max_element(get.peak.begin(), get.peak.end()));
+    bench::printNote(note);
     if (!tree.empty()) directoryRows(tree, dir, runs);
-    return put.ok && get.ok && putLimit.ok && getLimit.ok ? 0 : 1;
+    const bool failed = putLimit.failed || put.failed || putDesktop.failed || getLimit.failed || disk.failed ||
+                        get.failed || getDesktop.failed;
+    if (failed) std::fprintf(stderr, "bench: a transfer case failed\n");
+    return failed ? 1 : 0;
 }
