@@ -1,18 +1,26 @@
 #!/usr/bin/env bash
-# Throughput of varoft -put and -get through the loopback desktop on a Unix socket, beside the
-# limit of the same lockstep exchange between two minimal processes with no disk.
-#   scripts/bench-transfer.sh [MiB] [runs]      (default: 1024 MiB, best of 3)
-# and, with the archive benchmark's tree, -putd / -getd beside the pack / unpack streams alone.
-# The files go to $BENCH_DIR (default /tmp).
+# Throughput of varoft -put and -get against a minimal X server that only answers and through
+# the loopback-desktop program, beside the limit of the same lockstep exchange between two
+# minimal processes with no disk, and for -get beside the disk's write speed alone.
+#   scripts/bench-transfer.sh [MiB] [runs]      (default: 1024 MiB, 5 runs; medians, min and max)
+# The files go under $TMPDIR (/var/tmp when unset). With BENCH_DIRS=1, -putd / -getd of the
+# archive benchmark's tree ($BENCH_DIR/tree, as scripts/bench-archive.sh leaves it) are measured
+# beside the pack and unpack streams alone. With BENCH_ROWS=1 the rows are printed raw, for
+# scripts/bench.sh.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 size=${1:-1024}
-runs=${2:-3}
+runs=${2:-5}
+dir=${TMPDIR:-/var/tmp}
 cmake -S . -B build -G Ninja >/dev/null
-cmake --build build -j "${JOBS:-2}" --target transfer_bench varoft >/dev/null
-# The -putd / -getd rows use the tree that scripts/bench-archive.sh generates, when it is there.
-tree=${BENCH_TREE:-/tmp/varoft-bench/tree}
+cmake --build build -j "${JOBS:-1}" --target transfer_bench varoft loopback-desktop >/dev/null
 extra=()
-if [ -f "$(dirname "$tree")/tree.complete" ]; then extra=(--tree "$tree")
-else echo "(no $tree: run scripts/bench-archive.sh first for the -putd / -getd rows)"; fi
-exec build/bench/transfer_bench --size "$size" --runs "$runs" --dir "${BENCH_DIR:-/tmp}" "${extra[@]}"
+if [ "${BENCH_DIRS:-0}" = 1 ]; then
+  tree=${BENCH_DIR:-$dir/varoft-bench}/tree
+  if [ -f "$(dirname "$tree")/tree.complete" ]; then extra=(--tree "$tree")
+  else echo "note|no $tree: run scripts/bench-archive.sh first for the -putd / -getd rows"; fi
+fi
+if [ "${BENCH_ROWS:-0}" = 1 ]; then
+  exec build/bench/transfer_bench --size "$size" --runs "$runs" --dir "$dir" "${extra[@]}"
+fi
+build/bench/transfer_bench --size "$size" --runs "$runs" --dir "$dir" "${extra[@]}" | python3 bench/table.py
