@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "archive/byte_buffer.h"
-#include "archive/mz_stream.h"
-#include "archive/mz_strm_os.h"
+#include "archive/stream.h"
+#include "archive/file_stream.h"
 #include "common/bytes.h"
 #include "platform/platform.h"
 

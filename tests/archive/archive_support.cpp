@@ -9,7 +9,7 @@
 #include <sys/wait.h>
 
 #include "archive/dir_unpack_stream.h"
-#include "archive/mz_stream.h"
+#include "archive/stream.h"
 #include "common/bytes.h"
 #include "platform/platform.h"
 #include "support/temp_dir.h"

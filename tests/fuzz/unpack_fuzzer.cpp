@@ -11,7 +11,7 @@
 #include <string>
 
 #include "archive/dir_unpack_stream.h"
-#include "archive/mz_stream.h"
+#include "archive/stream.h"
 
 namespace {
 
