@@ -96,9 +96,16 @@ std::int32_t unpackWrite(void* stream, const void* buf, std::int32_t size) {
     if (s->error != 0) return withError(s, s->error);
     if (size > 0 && !buf) return MZ_PARAM_ERROR;
     if (size > 0) s->receivedBytes = true;
-    s->inWrite = true;
-    std::int32_t result = s->parser.write({static_cast<const std::uint8_t*>(buf), static_cast<std::size_t>(size)}, s->extraction);
-    s->inWrite = false;
+    std::int32_t result;
+    {
+        // The extraction's thread works only inside this call; an ending signal waits for its
+        // end, so the handler never removes a tree the thread is still making files in.
+        platform::TerminationBlock block;
+        s->inWrite = true;
+        result = s->parser.write({static_cast<const std::uint8_t*>(buf), static_cast<std::size_t>(size)}, s->extraction);
+        s->extraction.settle();
+        s->inWrite = false;
+    }
     collectFailure(s);
     if (s->error != 0) result = s->error;
     reportProgress(s);
@@ -109,7 +116,10 @@ std::int32_t unpackClose(void* stream) {
     UnpackStream* s = self(stream);
     if (s->inWrite) return MZ_OK;  // called from inside a write
     if (s->basePath.empty()) return withError(s, s->error);
-    s->extraction.close();
+    {
+        platform::TerminationBlock block;
+        s->extraction.close();
+    }
     collectFailure(s);
     // Bytes came but the central directory never did: the tree is incomplete.
     if (s->error == 0 && s->receivedBytes && s->parser.state() != LocalRecordParser::kEnd) {

@@ -230,7 +230,7 @@ std::int32_t LocalRecordParser::setUpMethod() {
 // Hands `block`, which sits in the sink's room, to the sink.
 bool LocalRecordParser::output(RecordSink& sink, std::span<const std::uint8_t> block) {
     if (block.empty()) return true;
-    crc_ = static_cast<std::uint32_t>(crc32(crc_, block.data(), static_cast<uInt>(block.size())));
+    if (!sink.checksCrc()) crc_ = static_cast<std::uint32_t>(crc32(crc_, block.data(), static_cast<uInt>(block.size())));
     if (!sink.fill(block.size())) return false;
     produced_ += static_cast<std::int64_t>(block.size());
     return true;
@@ -240,10 +240,15 @@ bool LocalRecordParser::finishEntry(RecordSink& sink) {
     if (!sink.endFile()) return false;
     if (!(entry_.flag & kFlagDataDescriptor) && entry_.compressedSize != 0) {
         state_ = kExpectHeader;
-        if (entry_.crc != crc_) fail(MZ_CRC_ERROR, code(platform::Failure::DamagedData));
-    } else {
-        state_ = kExpectDescriptor;
+        return checkCrc(sink, entry_.crc);
     }
+    state_ = kExpectDescriptor;
+    return true;
+}
+
+bool LocalRecordParser::checkCrc(RecordSink& sink, std::uint32_t expected) {
+    if (sink.checksCrc()) return sink.verifyCrc(expected);
+    if (expected != crc_) fail(MZ_CRC_ERROR, code(platform::Failure::DamagedData));
     return true;
 }
 
@@ -400,7 +405,7 @@ bool LocalRecordParser::entryHasZip64() {
     return false;
 }
 
-LocalRecordParser::Step LocalRecordParser::expectDescriptor(RecordSink&) {
+LocalRecordParser::Step LocalRecordParser::expectDescriptor(RecordSink& sink) {
     const bool zip64 = entryHasZip64();
     const Mark start = mark();
     std::array<std::uint8_t, 24> raw{};
@@ -426,7 +431,7 @@ LocalRecordParser::Step LocalRecordParser::expectDescriptor(RecordSink&) {
         return Step::Continue;
     }
     state_ = kExpectHeader;
-    if (crc != crc_) fail(MZ_CRC_ERROR, code(platform::Failure::DamagedData));
+    if (!checkCrc(sink, crc)) sinkFailed_ = true;
     return Step::Continue;
 }
 

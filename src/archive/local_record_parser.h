@@ -49,6 +49,10 @@ public:
     virtual bool fill(std::size_t count) = 0;
     // The file's bytes are complete (its CRC-32 is checked after this).
     virtual bool endFile() = 0;
+    // A sink that checks each file's CRC-32 itself is given the value the file's bytes must
+    // have (from the local header or the data descriptor); otherwise the parser checks it.
+    virtual bool checksCrc() const { return false; }
+    virtual bool verifyCrc(std::uint32_t) { return true; }
 };
 
 class LocalRecordParser {
@@ -109,6 +113,7 @@ private:
     std::int32_t setUpMethod();
     bool output(RecordSink& sink, std::span<const std::uint8_t> block);
     bool finishEntry(RecordSink& sink);
+    bool checkCrc(RecordSink& sink, std::uint32_t expected);
     bool entryHasZip64();
     Step expectHeader(RecordSink& sink);
     Step storedData(RecordSink& sink);
