@@ -17,6 +17,8 @@ constexpr std::uint64_t kPieceSize = 32 << 10;
 // when the caller settles).
 constexpr std::uint64_t kWriteSize = 256 << 10;
 constexpr std::size_t kMaxEvents = 1024;
+// The thread is woken for at most every this many bytes (see push()).
+constexpr std::uint64_t kWakeSize = 128 << 10;
 
 }  // namespace
 
@@ -35,10 +37,10 @@ bool Extraction::open(const char* target) {
     error_ = 0;
     systemError_ = 0;
     failed_ = false;
-    filled_ = unsent_ = freedSeen_ = tickets_ = 0;
+    filled_ = unsent_ = freedSeen_ = 0;
     taken_ = written_ = 0;
-    freed_ = settled_ = 0;
-    stop_ = false;
+    freed_ = 0;
+    stop_ = applying_ = false;
     queue_.clear();
     // The thread never takes the ending signals: their handler runs on the caller's thread,
     // which holds them back while the thread works (see the unpack stream's write).
@@ -50,11 +52,28 @@ bool Extraction::open(const char* target) {
 void Extraction::settle() {
     sendData();
     if (!thread_.joinable() || !handedOver_) return;
-    const std::uint64_t ticket = ++tickets_;
-    push({Kind::Settle, ticket, {}});
     handedOver_ = false;
+    // What the thread has not taken yet is done here rather than waiting for it to wake up;
+    // whoever applies an event holds `applying_`, so they are applied one at a time, in order.
     std::unique_lock<std::mutex> hold(lock_);
-    progress_.wait(hold, [&] { return settled_ >= ticket; });
+    for (;;) {
+        progress_.wait(hold, [&] { return !applying_; });
+        if (queue_.empty()) break;
+        Event event = std::move(queue_.front());
+        queue_.pop_front();
+        applying_ = true;
+        hold.unlock();
+        apply(event);
+        hold.lock();
+        applying_ = false;
+    }
+    applying_ = true;
+    hold.unlock();
+    flush();
+    hold.lock();
+    applying_ = false;
+    // The thread may be waiting for its turn.
+    work_.notify_one();
 }
 
 void Extraction::close() {
@@ -74,13 +93,23 @@ void Extraction::close() {
 // ---- the caller's side ------------------------------------------------------------------------
 
 bool Extraction::push(Event event) {
+    // Waking the thread costs more than a small piece of work: it is woken for a file or a
+    // directory to make and for every kWakeSize bytes; the rest waits for it or for settle().
+    unwoken_ += event.kind == Kind::Data ? event.value : kWakeSize;
+    const bool wake = unwoken_ >= kWakeSize;
     {
         std::unique_lock<std::mutex> hold(lock_);
-        progress_.wait(hold, [&] { return queue_.size() < kMaxEvents; });
+        if (queue_.size() == kMaxEvents) {
+            work_.notify_one();
+            progress_.wait(hold, [&] { return queue_.size() < kMaxEvents; });
+        }
         queue_.push_back(std::move(event));
     }
     handedOver_ = true;
-    work_.notify_one();
+    if (wake) {
+        unwoken_ = 0;
+        work_.notify_one();
+    }
     return healthy();
 }
 
@@ -102,6 +131,7 @@ std::span<std::uint8_t> Extraction::room() {
         if (filled_ - freed_ == kRingSize) {
             hold.unlock();
             sendData();  // the thread frees only what it was given
+            work_.notify_one();
             hold.lock();
             progress_.wait(hold, [&] { return filled_ - freed_ < kRingSize; });
         }
@@ -127,20 +157,25 @@ bool Extraction::endFile() {
 
 bool Extraction::verifyCrc(std::uint32_t expected) { return push({Kind::Crc, expected, {}}); }
 
-// ---- the thread's side ------------------------------------------------------------------------
+// ---- applying events: the thread, or the caller while it settles ------------------------------
 
 void Extraction::run() {
     for (;;) {
         Event event;
         {
             std::unique_lock<std::mutex> hold(lock_);
-            work_.wait(hold, [&] { return stop_ || !queue_.empty(); });
+            work_.wait(hold, [&] { return stop_ || (!applying_ && !queue_.empty()); });
             if (queue_.empty()) return;
             event = std::move(queue_.front());
             queue_.pop_front();
-            if (queue_.size() == kMaxEvents - 1) progress_.notify_all();
+            applying_ = true;
         }
         apply(event);
+        {
+            std::lock_guard<std::mutex> hold(lock_);
+            applying_ = false;
+        }
+        progress_.notify_all();
     }
 }
 
@@ -185,14 +220,6 @@ void Extraction::apply(const Event& event) {
         case Kind::Crc:
             if (live && event.value != crc_) fail(MZ_CRC_ERROR, platform::failureCode(platform::Failure::DamagedData));
             break;
-        case Kind::Settle:
-            flush();
-            {
-                std::lock_guard<std::mutex> hold(lock_);
-                settled_ = event.value;
-            }
-            progress_.notify_all();
-            break;
     }
 }
 
@@ -213,11 +240,8 @@ void Extraction::flush() {
         file_.write({ring_.get() + written_ % kRingSize, static_cast<std::size_t>(taken_ - written_)}) < 0)
         fail(MZ_WRITE_ERROR, platform::lastError());
     written_ = taken_;
-    {
-        std::lock_guard<std::mutex> hold(lock_);
-        freed_ = written_;
-    }
-    progress_.notify_all();
+    std::lock_guard<std::mutex> hold(lock_);
+    freed_ = written_;
 }
 
 void Extraction::closeFile() {

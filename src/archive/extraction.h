@@ -7,11 +7,13 @@
 // hard link, a FIFO, a device, a link) is unlinked first, never written through or opened.
 // Parents that have no entry of their own are made.
 //
-// The file system work and the CRC-32 of the files' bytes are done by a thread of the
-// extraction's own, while the parser decodes on the caller's: the parser decodes into a ring of
-// fixed size and hands over what it made in order; the thread writes it in large blocks. The
-// caller settles after each chunk, so every failure is known, and reported, by the write
-// during which it happened, exactly as if all of it ran on one thread.
+// The file system work and the CRC-32 of the files' bytes are done apart from the decoding: the
+// parser decodes into a ring of fixed size on the caller's thread and hands over what it made,
+// in order, through a bounded queue; a thread of the extraction's own takes it and writes it in
+// large blocks while the parser goes on. Each write call settles before it returns: what the
+// thread has not taken yet is done by the caller itself, one event at a time and in order
+// whoever does it, so every failure is known, and reported, by the write during which it
+// happened, exactly as if all of it ran on one thread.
 #pragma once
 
 #include <atomic>
@@ -37,7 +39,7 @@ public:
     // Opens the target (a directory, links on the way followed), forgets any earlier failure
     // and starts the thread. False when the target cannot be opened.
     bool open(const char* target);
-    // Waits until everything handed over so far is done (or failed).
+    // Returns once everything handed over so far is done (or failed), doing what is left.
     void settle();
     // Settles, closes the current file (a failure to close is kept), stops the thread and
     // closes the target.
@@ -57,10 +59,10 @@ public:
     int systemError() const { return systemError_; }
 
 private:
-    enum class Kind : std::uint8_t { Directory, File, QuietFile, Data, EndFile, Crc, Settle };
+    enum class Kind : std::uint8_t { Directory, File, QuietFile, Data, EndFile, Crc };
     struct Event {
         Kind kind;
-        std::uint64_t value = 0;  // Data: byte count; Crc: the expected value; Settle: ticket
+        std::uint64_t value = 0;  // Data: byte count; Crc: the expected value
         std::string path;
     };
 
@@ -68,7 +70,7 @@ private:
     void sendData();
     bool healthy() const { return !failed_.load(std::memory_order_relaxed); }
 
-    // The thread's side.
+    // Applying events: the thread, or the caller in settle(), whoever holds applying_.
     void run();
     void apply(const Event& event);
     void data(std::uint64_t count);
@@ -85,7 +87,7 @@ private:
     std::condition_variable progress_;  // the caller waits for room, queue space or settling
     std::deque<Event> queue_;           // guarded by lock_
     std::uint64_t freed_ = 0;           // ring bytes the thread is done with; guarded by lock_
-    std::uint64_t settled_ = 0;         // the last settle ticket done; guarded by lock_
+    bool applying_ = false;             // an event is being applied; guarded by lock_
     bool stop_ = false;                 // guarded by lock_
     std::atomic<bool> failed_{false};
 
@@ -93,10 +95,10 @@ private:
     std::uint64_t filled_ = 0;     // ring bytes the parser filled
     std::uint64_t unsent_ = 0;     // of those, not yet handed over
     std::uint64_t freedSeen_ = 0;  // freed_ when last looked at
-    std::uint64_t tickets_ = 0;
+    std::uint64_t unwoken_ = 0;  // bytes handed over since the thread was last woken
     bool handedOver_ = false;  // anything pushed since the last settle
 
-    // The thread's side.
+    // Touched only by whoever holds applying_.
     platform::File file_;
     std::uint64_t taken_ = 0;    // ring bytes handed over and checked
     std::uint64_t written_ = 0;  // of those, written (or dropped after a failure)
