@@ -61,6 +61,13 @@ Bytes buildArchive(const std::vector<HandEntry>& entries, bool withCentralDirect
     return out;
 }
 
+std::string repeatText(std::size_t n) {
+    std::string s;
+    while (s.size() < n) s += "the quick brown fox " + std::to_string(s.size()) + "\n";
+    s.resize(n);
+    return s;
+}
+
 Chunker fixedChunks(std::size_t size) { return [size] { return size; }; }
 
 Chunker randomChunks(std::uint32_t seed, std::size_t maxSize) {
