@@ -12,7 +12,7 @@
 
 #include "archive/dir_pack_stream.h"
 #include "archive/dir_unpack_stream.h"
-#include "archive/mz_stream.h"
+#include "archive/stream.h"
 
 namespace {
 

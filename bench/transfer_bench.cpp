@@ -30,7 +30,7 @@
 
 #include "archive/dir_pack_stream.h"
 #include "archive/dir_unpack_stream.h"
-#include "archive/mz_stream.h"
+#include "archive/stream.h"
 #include "common/bytes.h"
 #include "bench_support.h"
 #include "x_server.h"

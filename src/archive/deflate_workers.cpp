@@ -6,7 +6,7 @@
 #include <cstring>
 #include <new>
 
-#include "archive/mz_stream.h"
+#include "archive/stream.h"
 #include "platform/platform.h"
 
 namespace {

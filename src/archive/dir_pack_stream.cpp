@@ -14,8 +14,8 @@
 
 #include "archive/byte_buffer.h"
 #include "archive/deflate_workers.h"
-#include "archive/mz_stream.h"
-#include "archive/mz_strm_os.h"
+#include "archive/file_stream.h"
+#include "archive/stream.h"
 #include "archive/zip_records.h"
 #include "platform/platform.h"
 

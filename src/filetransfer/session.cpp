@@ -9,7 +9,7 @@
 
 #include "app/log.h"
 #include "app/state.h"
-#include "archive/mz_stream.h"
+#include "archive/stream.h"
 #include "filetransfer/delete_rename.h"
 #include "filetransfer/environment.h"
 #include "filetransfer/framing.h"

@@ -2,7 +2,7 @@
 
 #include <span>
 
-#include "archive/mz_stream.h"
+#include "archive/stream.h"
 #include "filetransfer/transfer.h"
 #include "platform/platform.h"
 

@@ -9,7 +9,7 @@
 
 #include "app/log.h"
 #include "app/state.h"
-#include "archive/mz_stream.h"
+#include "archive/stream.h"
 #include "common/bytes.h"
 #include "filetransfer/framing.h"
 #include "filetransfer/progress.h"

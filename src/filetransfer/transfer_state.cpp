@@ -1,6 +1,6 @@
 #include "filetransfer/transfer_state.h"
 
-#include "archive/mz_strm_os.h"
+#include "archive/file_stream.h"
 
 std::string UserHomeDir;
 std::string UserName;

@@ -9,7 +9,7 @@
 #include <sys/wait.h>
 
 #include "archive/dir_unpack_stream.h"
-#include "archive/mz_stream.h"
+#include "archive/stream.h"
 #include "common/bytes.h"
 #include "platform/platform.h"
 #include "support/temp_dir.h"
@@ -59,6 +59,13 @@ Bytes buildArchive(const std::vector<HandEntry>& entries, bool withCentralDirect
     const auto start = static_cast<std::uint32_t>(out.size());
     if (withCentralDirectory) bytes::Writer(out).u32(0x06054b50).u32(0).u32(0).u32(0).u32(start).u16(0);
     return out;
+}
+
+std::string repeatText(std::size_t n) {
+    std::string s;
+    while (s.size() < n) s += "the quick brown fox " + std::to_string(s.size()) + "\n";
+    s.resize(n);
+    return s;
 }
 
 Chunker fixedChunks(std::size_t size) { return [size] { return size; }; }

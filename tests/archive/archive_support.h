@@ -33,6 +33,8 @@ void appendEntry(Bytes& out, const HandEntry& entry);
 // The entries, then (optionally) an empty central directory: its end record alone.
 Bytes buildArchive(const std::vector<HandEntry>& entries, bool withCentralDirectory = true);
 
+std::string repeatText(std::size_t n);
+
 // Chunk sizes: a function returning the next chunk size.
 using Chunker = std::function<std::size_t()>;
 Chunker fixedChunks(std::size_t size);

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "archive/dir_pack_stream.h"
-#include "archive/mz_stream.h"
+#include "archive/stream.h"
 #include "archive_support.h"
 #include "common/bytes.h"
 #include "support/temp_dir.h"

@@ -1,4 +1,4 @@
-#include "archive/mz_stream.h"
+#include "archive/stream.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
-#include "archive/mz_os.h"
+#include "archive/path_helpers.h"
 
-#include "archive/mz_stream.h"
+#include "archive/stream.h"
 
 std::int32_t mz_zip_attrib_is_dir(std::uint32_t attrib, std::int32_t version_madeby) {
     const auto host = static_cast<std::uint8_t>((version_madeby >> 8) & 0xFF);

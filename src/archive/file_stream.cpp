@@ -1,9 +1,9 @@
-#include "archive/mz_strm_os.h"
+#include "archive/file_stream.h"
 
 #include <new>
 #include <span>
 
-#include "archive/mz_stream.h"
+#include "archive/stream.h"
 #include "platform/platform.h"
 
 namespace {

@@ -1,11 +1,11 @@
-#include "archive/mz_strm_mem.h"
+#include "archive/memory_stream.h"
 
 #include <algorithm>
 #include <cstring>
 #include <memory>
 #include <new>
 
-#include "archive/mz_stream.h"
+#include "archive/stream.h"
 
 namespace {
 
