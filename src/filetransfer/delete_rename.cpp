@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "app/log.h"
+#include "common/log.h"
 #include "common/bytes.h"
 #include "filetransfer/framing.h"
 #include "filetransfer/protocol.h"

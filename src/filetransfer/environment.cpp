@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "app/log.h"
+#include "common/log.h"
 #include "filetransfer/framing.h"
 #include "filetransfer/protocol.h"
 #include "filetransfer/transfer_state.h"

@@ -6,7 +6,7 @@
 
 #include <xcb/xcbext.h>
 
-#include "app/log.h"
+#include "common/log.h"
 #include "common/bytes.h"
 #include "filetransfer/protocol.h"
 #include "filetransfer/transfer_state.h"

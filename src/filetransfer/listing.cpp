@@ -4,7 +4,7 @@
 
 #include <xcb/xcbext.h>
 
-#include "app/log.h"
+#include "common/log.h"
 #include "common/bytes.h"
 #include "filetransfer/framing.h"
 #include "filetransfer/protocol.h"

@@ -7,8 +7,8 @@
 
 #include <xcb/xcbext.h>
 
-#include "app/log.h"
-#include "app/state.h"
+#include "common/log.h"
+#include "common/log.h"
 #include "archive/mz_stream.h"
 #include "filetransfer/delete_rename.h"
 #include "filetransfer/environment.h"
@@ -48,24 +48,24 @@ namespace {
 // The overwrite question: only a lower-case 'n' refuses; anything else, end of input included,
 // accepts and remembers the path as the one the user agreed to replace.
 void askOverwrite(xcb_connection_t* connection, const char* question) {
-    logPrint(1, question, LocalPath.c_str());
+    logPrint(1, question, CommandLine.localPath.c_str());
     const int answer = std::getchar();
     if (answer == 'n') {
         logPrint(1, "File Transfer abort.\n");
         endTransferProcess(connection);
     }
-    setKeepPath(LocalPath);
+    setKeepPath(CommandLine.localPath);
 }
 
 // -put and -open: the local file opened for reading, its size taken.
 void openLocalSource(xcb_connection_t* connection) {
-    if (!ensureFileStream() || mz_stream_open(FileStream, LocalPath.c_str(), MZ_OPEN_MODE_READ) != MZ_OK)
-        failLocal(connection, "Unable to open local file: %s.\n", LocalPath);
+    if (!ensureFileStream() || mz_stream_open(FileStream, CommandLine.localPath.c_str(), MZ_OPEN_MODE_READ) != MZ_OK)
+        failLocal(connection, "Unable to open local file: %s.\n", CommandLine.localPath);
     if (mz_stream_seek(FileStream, 0, MZ_SEEK_END) != MZ_OK)
-        failLocal(connection, "Unable to open local file: %s.\n", LocalPath);
+        failLocal(connection, "Unable to open local file: %s.\n", CommandLine.localPath);
     const std::int64_t size = mz_stream_tell(FileStream);
     if (size < 0 || mz_stream_seek(FileStream, 0, MZ_SEEK_SET) != MZ_OK)
-        failLocal(connection, "Unable to open local file: %s.\n", LocalPath);
+        failLocal(connection, "Unable to open local file: %s.\n", CommandLine.localPath);
     LocalFileSize = static_cast<std::uint64_t>(size);
     CurrentStream = FileStream;
 }
@@ -78,15 +78,15 @@ std::string lastComponent(const std::string& path) {
 
 void announce(xcb_connection_t* connection, std::uint8_t direction, std::uint8_t objectType, std::uint8_t openFlag,
               std::uint64_t size) {
-    startProgress(LocalPath, size);
+    startProgress(CommandLine.localPath, size);
     FileTransferReplyFields fields;
     fields.direction = direction;
     fields.objectType = objectType;
     fields.openFlag = openFlag;
     fields.kind = kReplyCommandLineStart;
     fields.size = size;
-    fields.a = RemotePath;
-    fields.b = LocalPath;
+    fields.a = CommandLine.remotePath;
+    fields.b = CommandLine.localPath;
     sendFileTransferReply(connection, fields);
 }
 
@@ -95,24 +95,24 @@ void announce(xcb_connection_t* connection, std::uint8_t direction, std::uint8_t
 void prepareGet(xcb_connection_t* connection) {
     {
         platform::File existing;
-        if (existing.open(LocalPath, platform::OpenMode::Read)) {
+        if (existing.open(CommandLine.localPath, platform::OpenMode::Read)) {
             existing.close();
             askOverwrite(connection, "Local File %s exists, overwrite it [y/n]?");
         }
     }
     std::string resolved;
     platform::Status st;
-    if (platform::resolveFinalLinks(LocalPath, resolved) && platform::status(resolved, st) &&
+    if (platform::resolveFinalLinks(CommandLine.localPath, resolved) && platform::status(resolved, st) &&
         st.kind == platform::Kind::Other) {
         if (!ensureFileStream() ||
-            mz_stream_open(FileStream, LocalPath.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE) != MZ_OK)
-            failLocal(connection, "Unable to open local file for writting: %s.\n", LocalPath);
+            mz_stream_open(FileStream, CommandLine.localPath.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE) != MZ_OK)
+            failLocal(connection, "Unable to open local file for writting: %s.\n", CommandLine.localPath);
         CurrentStream = FileStream;
     } else {
         void* stream = nullptr;
         int error = 0;
-        if (!stageFile(LocalPath, stream, error))
-            failLocal(connection, "Unable to open local file for writting: %s.\n", LocalPath);
+        if (!stageFile(CommandLine.localPath, stream, error))
+            failLocal(connection, "Unable to open local file for writting: %s.\n", CommandLine.localPath);
         CurrentStream = stream;
     }
     announce(connection, kDirectionFromDesktop, kObjectFile, 0, 0);
@@ -125,26 +125,26 @@ void preparePut(xcb_connection_t* connection) {
 
 void prepareOpen(xcb_connection_t* connection) {
     openLocalSource(connection);
-    RemotePath = lastComponent(LocalPath);
+    CommandLine.remotePath = lastComponent(CommandLine.localPath);
     announce(connection, kDirectionToDesktop, kObjectOpenFile, 1, LocalFileSize);
 }
 
 void prepareGetDirectory(xcb_connection_t* connection) {
-    const std::size_t cut = LocalPath.find_last_of("\\/");
-    if (cut == std::string::npos) failLocal(connection, "Wrong local path: %s \n", LocalPath);
+    const std::size_t cut = CommandLine.localPath.find_last_of("\\/");
+    if (cut == std::string::npos) failLocal(connection, "Wrong local path: %s \n", CommandLine.localPath);
     // A directory straight under the root has the root as its parent.
-    const std::string parent = cut == 0 ? LocalPath.substr(0, 1) : LocalPath.substr(0, cut);
+    const std::string parent = cut == 0 ? CommandLine.localPath.substr(0, 1) : CommandLine.localPath.substr(0, cut);
     if (!platform::exists(parent)) failLocal(connection, "Wrong local path: %s \n", parent);
 
-    if (platform::isDirectory(LocalPath))
+    if (platform::isDirectory(CommandLine.localPath))
         askOverwrite(connection, "Local Directory %s exists, overwrite it [y/n]?");
     // The tree is unpacked into a temporary directory beside the target; it replaces the target
     // (an existing tree included) only once it arrived whole.
     std::string temporary;
     int error = 0;
-    const bool staged = stageDirectory(LocalPath, temporary, error);
+    const bool staged = stageDirectory(CommandLine.localPath, temporary, error);
     if (!staged) {
-        logPrint(1, "Unable to create directory %s: %s (%d)\n", LocalPath.c_str(), platform::errorText(error).c_str(),
+        logPrint(1, "Unable to create directory %s: %s (%d)\n", CommandLine.localPath.c_str(), platform::errorText(error).c_str(),
                  error);
     }
     const bool made = ensureDirUnpackStream();
@@ -154,7 +154,7 @@ void prepareGetDirectory(xcb_connection_t* connection) {
         mz_stream_close(DirUnpackStream);
         discardStage();
         platform::setLastError(error);
-        sendFileTransferStatus(connection, LocalPath, kStatusTransferTarget, true);
+        sendFileTransferStatus(connection, CommandLine.localPath, kStatusTransferTarget, true);
         endTransferProcess(connection);
     }
     CurrentStream = DirUnpackStream;
@@ -163,10 +163,10 @@ void prepareGetDirectory(xcb_connection_t* connection) {
 
 void preparePutDirectory(xcb_connection_t* connection) {
     platform::Status st;
-    if (!platform::status(LocalPath, st)) failLocal(connection, "Unable to open local directory: %s.\n", LocalPath);
-    if (st.kind != platform::Kind::Directory) failLocal(connection, "%s is not a directory: \n", LocalPath);
-    if (!ensureDirPackStream() || mz_stream_open(DirPackStream, LocalPath.c_str(), MZ_OPEN_MODE_READ) != MZ_OK)
-        failLocal(connection, "Unable to open local directory: %s.\n", LocalPath);
+    if (!platform::status(CommandLine.localPath, st)) failLocal(connection, "Unable to open local directory: %s.\n", CommandLine.localPath);
+    if (st.kind != platform::Kind::Directory) failLocal(connection, "%s is not a directory: \n", CommandLine.localPath);
+    if (!ensureDirPackStream() || mz_stream_open(DirPackStream, CommandLine.localPath.c_str(), MZ_OPEN_MODE_READ) != MZ_OK)
+        failLocal(connection, "Unable to open local directory: %s.\n", CommandLine.localPath);
     CurrentStream = DirPackStream;
     announce(connection, kDirectionToDesktop, kObjectDirectory, 0, 0);
 }
@@ -203,21 +203,22 @@ void serveEvents(xcb_connection_t* connection) {
 
 }  // namespace
 
-int runFileTransfer(xcb_connection_t* connection) {
+int runFileTransfer(xcb_connection_t* connection, const Options& options) {
+    CommandLine = options;
     if (!findExtension(connection)) {
         logPrint(1, "X Server does not support the \"%s\" extension\n", kFileTransferExtensionName);
         return 0;
     }
     logPrint(2, "Sending request to Proxy/Desktop to start file transfer process.\n");
-    if (RunMode == RunModeGetDir || RunMode == RunModePutDir) UserHomeDir = commandLineHomeDirectory();
+    if (CommandLine.runMode == RunMode::GetDir || CommandLine.runMode == RunMode::PutDir) UserHomeDir = commandLineHomeDirectory();
 
-    switch (RunMode) {
-        case RunModeNone: reportEnvironment(connection); break;
-        case RunModeGet: prepareGet(connection); break;
-        case RunModePut: preparePut(connection); break;
-        case RunModeOpen: prepareOpen(connection); break;
-        case RunModeGetDir: prepareGetDirectory(connection); break;
-        case RunModePutDir: preparePutDirectory(connection); break;
+    switch (CommandLine.runMode) {
+        case RunMode::None: reportEnvironment(connection); break;
+        case RunMode::Get: prepareGet(connection); break;
+        case RunMode::Put: preparePut(connection); break;
+        case RunMode::Open: prepareOpen(connection); break;
+        case RunMode::GetDir: prepareGetDirectory(connection); break;
+        case RunMode::PutDir: preparePutDirectory(connection); break;
         default:
             logPrint(1, "Unsupported File Transfer mode\n");
             endTransferProcess(connection);
@@ -225,7 +226,7 @@ int runFileTransfer(xcb_connection_t* connection) {
     serveEvents(connection);
     // The connection went. A receive in progress leaves its target as it was; on a terminal
     // (and only there) one line says so.
-    if (CurrentStream && Verbosity >= 1 && platform::standardErrorIsTerminal()) {
+    if (CurrentStream && logVerbosity() >= 1 && platform::standardErrorIsTerminal()) {
         finishProgress();
         const std::string line = stageActive() ? "The connection was lost: the transfer did not complete and " +
                                                      stagedTarget() + " is unchanged.\n"
@@ -234,5 +235,5 @@ int runFileTransfer(xcb_connection_t* connection) {
     }
     discardStage();
     platform::removeTemporaries();
-    return 1;
+    return 0;
 }

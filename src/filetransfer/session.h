@@ -3,10 +3,12 @@
 
 #include <xcb/xcb.h>
 
-// Finds the extension, prepares the local side for RunMode, announces the run and serves the
-// far side's requests until the connection ends. 0 when the extension is missing, else 1.
-// Local errors of a command-line run end the process (exit status 0).
-int runFileTransfer(xcb_connection_t* connection);
+#include "common/options.h"
+
+// Finds the extension, prepares the local side for the run mode, announces the run and serves
+// the far side's requests until the connection ends. Returns the exit status (0). Local errors
+// of a command-line run end the process (exit status 0).
+int runFileTransfer(xcb_connection_t* connection, const Options& options);
 
 // Closes the current stream when it is open and clears CurrentStream in every case.
 void closeCurrentStream();

@@ -3,7 +3,6 @@
 #include <span>
 
 #include "archive/mz_stream.h"
-#include "filetransfer/transfer.h"
 #include "platform/platform.h"
 
 namespace {
@@ -209,9 +208,9 @@ bool commitStage(int& error) {
         return false;
     }
     // The replaced tree goes only now that its replacement is in place.
-    if (!old.empty()) removeDirectoryTree(old);
+    if (!old.empty()) platform::removeDirectoryTree(old);
     if (!Current.alsoReplaces.empty() && Current.alsoReplaces != Current.target)
-        removeDirectoryTree(Current.alsoReplaces);
+        platform::removeDirectoryTree(Current.alsoReplaces);
     platform::removeTemporaries();  // whatever the removal left registered
     forget();
     return true;

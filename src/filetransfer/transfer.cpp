@@ -7,8 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "app/log.h"
-#include "app/state.h"
+#include "common/log.h"
 #include "archive/mz_stream.h"
 #include "common/bytes.h"
 #include "filetransfer/framing.h"
@@ -178,7 +177,7 @@ void startReceivingDirectory(xcb_connection_t* connection) {
     if (CurrentStream == DirUnpackStream) CurrentStream = nullptr;
     discardStage();
     sendFailedStatusAfter(connection, Transfer.directoryPath, kStatusTransferTarget, error);
-    if (RunMode != RunModeNone) endTransferProcess(connection);
+    if (CommandLine.runMode != RunMode::None) endTransferProcess(connection);
 }
 
 // ---- ending the current stream ---------------------------------------------------------------
@@ -276,7 +275,7 @@ void endSending(xcb_connection_t* connection) {
     settleCurrentStream(error);
     Transfer.kind = kReplyEnd;
     if (isMoveObject(Transfer.objectType)) platform::removeFile(Transfer.nameB);
-    if (RunMode != RunModeNone) Transfer.finish = true;
+    if (CommandLine.runMode != RunMode::None) Transfer.finish = true;
     sendReply(connection, kReplyEnd);
 }
 
@@ -312,7 +311,7 @@ void complete(xcb_connection_t* connection) {
         Transfer.directoryPath.clear();
     }
     finishProgress();
-    if (RunMode != RunModeNone) {
+    if (CommandLine.runMode != RunMode::None) {
         logPrint(1, "File Transfer completed.\n");
         endTransferProcess(connection);
     }
@@ -338,7 +337,7 @@ void abortTransfer(xcb_connection_t* connection) {
     }
     KeepPath.clear();
     finishProgress();
-    if (RunMode != RunModeNone) {
+    if (CommandLine.runMode != RunMode::None) {
         logPrint(1, "File Transfer aborted by remote.\n");
         endTransferProcess(connection);
     }
@@ -436,5 +435,3 @@ void handleTransferRequest(xcb_connection_t* connection, std::span<const std::ui
             break;
     }
 }
-
-int removeDirectoryTree(const std::string& path) { return platform::removeDirectoryTree(path); }

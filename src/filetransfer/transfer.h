@@ -36,7 +36,3 @@ bool decodeTransferRequest(std::span<const std::uint8_t> event, TransferRequest&
 // Serves one TransferRequest event. May end the process (command-line runs, session end,
 // refusals).
 void handleTransferRequest(xcb_connection_t* connection, std::span<const std::uint8_t> event);
-
-// Removes a local directory with everything in it, never following symbolic links. Refuses the
-// empty path and the root. Non-zero when the directory itself was removed.
-int removeDirectoryTree(const std::string& path);

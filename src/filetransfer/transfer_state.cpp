@@ -2,6 +2,7 @@
 
 #include "archive/mz_strm_os.h"
 
+Options CommandLine;
 std::string UserHomeDir;
 std::string UserName;
 void* FileStream = nullptr;

@@ -8,6 +8,11 @@
 
 #include <xcb/xcb.h>
 
+#include "common/options.h"
+
+// What the command line asked for.
+extern Options CommandLine;
+
 // Default local directory offered to the far side, and the user's name.
 extern std::string UserHomeDir;
 extern std::string UserName;

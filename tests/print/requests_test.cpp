@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "app/state.h"
+#include "common/log.h"
 #include "print/print_loop.h"
 #include "print/requests.h"
 
@@ -59,7 +59,8 @@ TEST(PrintReplyDecoding, FieldsAndAReasonBoundedByTheReply) {
 }
 
 TEST(PrintMessages, XErrorsAndFailuresWithoutAServer) {
-    const std::int32_t savedVerbosity = std::exchange(Verbosity, 2);
+    const std::int32_t savedVerbosity = logVerbosity();
+    setLogVerbosity(2);
     xcb_generic_error_t error{};
     error.sequence = 7;
     error.resource_id = 0x00400001;
@@ -85,14 +86,14 @@ TEST(PrintMessages, XErrorsAndFailuresWithoutAServer) {
               "Error receiving File Begin reply\nError receiving File Continue reply\n");
     EXPECT_EQ(more, 1u);
     // The sender's own failures come before any request.
-    Verbosity = 3;
+    setLogVerbosity(3);
     testing::internal::CaptureStderr();
     EXPECT_EQ(sendPrintFile(connection, "docs/", more, nullptr, nullptr), 0);
     EXPECT_EQ(sendPrintFile(connection, "/nonexistent/dir/a.txt", more, nullptr, nullptr), 0);
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "Using filename: a.txt\nfopened /nonexistent/dir/a.txt\nCould not open file: \"a.txt\"\n");
     xcb_disconnect(connection);
-    Verbosity = savedVerbosity;
+    setLogVerbosity(savedVerbosity);
 }
 
 TEST(PrintNames, BaseNamesAndStandardInputNames) {
