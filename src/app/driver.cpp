@@ -10,6 +10,7 @@
 #include "common/log.h"
 #include "common/options.h"
 #include "filetransfer/session.h"
+#include "filetransfer/xcb_wire.h"
 #include "platform/platform.h"
 #include "print/print_loop.h"
 
@@ -122,7 +123,12 @@ int runTransferMode(int argc, char** argv, const std::string& program) {
     if (!connection.handle) return 1;
     switch (xcb_connection_has_error(connection.handle)) {
         case 0:
-            return runFileTransfer(connection.handle, options);
+        {
+            // The session and its wire go before the connection does.
+            XcbWire wire(connection.handle);
+            Session session(std::move(options), wire);
+            return runFileTransfer(connection.handle, session);
+        }
         case XCB_CONN_CLOSED_MEM_INSUFFICIENT:
             logPrint(1, "Could not connect to display: %s, insufficient memory.\n", shown(display));
             break;
