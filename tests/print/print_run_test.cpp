@@ -143,35 +143,6 @@ TEST_F(PrintRun, RejectionsAndXErrorsLetLaterFilesGoUntilCodeTwo) {
                   "X Server will not accept more files\n");
 }
 
-TEST_F(PrintRun, RefusedNamesAreSkippedInOrder) {
-    const std::string directory = (dir / "sub").string();
-    ASSERT_EQ(::mkdir(directory.c_str(), 0700), 0);
-    // A name that matches nothing is dropped while the command line is read (always shown); one
-    // that is listed but cannot be examined, like a dangling link, reaches the loop.
-    const std::string unmatched = (dir / "nothing.txt").string();
-    const std::string dangling = (dir / "dangling.txt").string();
-    ASSERT_EQ(::symlink((dir / "gone.txt").c_str(), dangling.c_str()), 0);
-    const std::string fifo = (dir / "pipe").string();
-    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-    const std::string binary = put("image.gif", std::string("GIF89a\x01\x00\x01\x00\x00\x00", 12));
-    const std::string good = put("good.txt", "printable");
-    const std::vector<std::string> files = {directory, unmatched, dangling, fifo, binary, good};
-    const std::string unmatchedLine = "\"" + unmatched + "\" file not found\n";
-
-    run(files, "-q");
-    answer(begin("good.txt", "printable", false));
-    EXPECT_EQ(finish(), unmatchedLine);
-
-    run(files);
-    answer(begin("good.txt", "printable", false));
-    EXPECT_EQ(finish(), unmatchedLine + kBanner + "Sending file " + directory + "\n\"" + directory +
-                             "\" is a directory, cannot send.\nSending file " + dangling + "\n\"" + dangling +
-                             "\" file not found\nSending file " + fifo + "\n\"" + fifo +
-                             "\" is not a regular file, cannot send\nSending file " + binary + "\n\"" + binary +
-                             "\" is not a plain text or Postscript file and cannot be printed.\n"
-                             "Sending file " + good + "\nFile successfully sent\n");
-}
-
 // Standard input is not reachable from the command line, so this drives the sender in-process:
 // a pipe stands in for standard input and another thread answers as the far side.
 TEST_F(PrintRun, StandardInputTravelsUnderAGeneratedName) {
