@@ -22,5 +22,5 @@ ctest --test-dir build-asan --output-on-failure -j "$jobs"
 if [ -f tests/fuzz/CMakeLists.txt ]; then
   echo "== fuzzing (short run)"
   bash scripts/build.sh fuzz
-  bash scripts/fuzz.sh 60
+  bash scripts/fuzz.sh 60   # a minute for each target
 fi
