@@ -193,6 +193,19 @@ TEST(EndToEnd, GetReplacesTheTargetOnlyOnceTheFileArrivedWhole) {
     }
 }
 
+// A server that calls the extension absent still answers the lookup: only a lookup that fails
+// counts as a missing extension, so the run goes on until its first request breaks the
+// connection, and ends without a message.
+TEST(EndToEnd, ExtensionReportedAbsent) {
+    loopback::ServerOptions options;
+    options.fileTransferExtension = false;
+    FarSide far(options);
+    FAR_SIDE_OR_SKIP(far);
+    ASSERT_TRUE(far.start({"-put", "/etc/hostname"}));
+    EXPECT_TRUE(far.quiet(200ms));
+    expectEnd(far.finish(), "Version 12.5\n\n");
+}
+
 // A link planted under the log's name while the run is under way is never written through:
 // the lines after it go to standard error only.
 TEST(EndToEnd, LogLinkPlantedDuringTheRunIsNotFollowed) {
