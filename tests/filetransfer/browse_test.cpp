@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include "common/log.h"
-#include "filetransfer/delete_rename.h"
 #include "filetransfer/listing.h"
 #include "platform/platform.h"
 #include "recording_wire.h"
@@ -44,26 +43,6 @@ TEST(BrowsingDirectory, EachRuleInItsOrder) {
     // Times before 1970 come out as the unsigned value; names are cut at 259 bytes.
     EXPECT_EQ(entryItemName(-1, "old"), "18446744073709551615_old");
     EXPECT_EQ(entryItemName(5, std::string(260, 'n')), "5_" + std::string(259, 'n'));
-}
-
-TEST(BrowsingEvents, LengthsAreBoundedByTheEvent) {
-    const auto listed = [](std::uint16_t length, std::string_view text) -> std::optional<std::string> {
-        Bytes payload;
-        bytes::Writer(payload).u16(length).u16(0).raw(text);
-        ListDirectoryRequest request;
-        if (!decodeListDirectoryRequest(eventOf(91, payload), request)) return std::nullopt;
-        return std::string(request.path);
-    };
-    EXPECT_EQ(listed(4, "/tmp"), "/tmp");
-    EXPECT_EQ(listed(6, std::string_view("/a\0bcd", 6)), "/a");  // up to a NUL byte, as a C string
-    EXPECT_EQ(listed(4, "/tm"), "/tm");                          // the padding belongs to the event
-    EXPECT_FALSE(listed(9, "/tmp"));
-    EXPECT_FALSE(listed(0xFFFF, ""));
-    RenameRequest rename;
-    Bytes payload;
-    bytes::Writer(payload).u16(5).u16(5).raw("oldnew.1");  // each fits on its own, together they do not
-    EXPECT_FALSE(decodeRenameRequest(eventOf(93, payload), rename));
-    EXPECT_FALSE(decodeRenameRequest(Bytes(37, 0), rename));
 }
 
 TEST(DeleteGuard, TheRootIsRecognisedByAnySpelling) {

@@ -265,18 +265,17 @@ protected:
 };
 
 // -getd: the tree is unpacked beside the target and replaces it (an existing tree the user
-// agreed to overwrite included) only once it arrived whole. A refusal, a signal or damaged data
-// leave the target as it was, and nothing beside it.
+// agreed to overwrite included) only once it arrived whole. A signal or damaged data leave the
+// target as it was, and nothing beside it.
 TEST_F(Directories, GetDirectoryReplacesTheTargetOnlyOnceTheTreeArrivedWhole) {
-    enum End { Complete, Refuse, Signal, Declined, Damaged };
+    enum End { Complete, Signal, Damaged };
     struct Case {
         std::string name;
         bool existing;
         End end;
-        int how = 0;  // the refusal's kind, the signal
+        int how = 0;  // the signal
     } cases[] = {
-        {"declined", true, Declined}, {"replaced", true, Complete}, {"refused", true, Refuse, 16},
-        {"interrupted", true, Signal, SIGINT}, {"damaged", true, Damaged},
+        {"replaced", true, Complete}, {"interrupted", true, Signal, SIGINT}, {"damaged", true, Damaged},
     };
     const Bytes damaged = archivetest::buildArchive({{"good.txt", "fine", 8, {}, false, false, {}}, {"bad.txt", "data", 8, {}, false, false, 1}});
     for (const auto& c : cases) {
@@ -290,25 +289,17 @@ TEST_F(Directories, GetDirectoryReplacesTheTargetOnlyOnceTheTreeArrivedWhole) {
         }
         const auto before = archivetest::imageOf(local);
         FarSide side;
-        ASSERT_TRUE(side.start({"-getd", "Desktop/project", local}, c.end == Declined ? "n" : "y"));
+        ASSERT_TRUE(side.start({"-getd", "Desktop/project", local}, "y"));
         const std::string question = c.existing ? "Local Directory " + local + " exists, overwrite it [y/n]?" : "";
         testsupport::RunResult result;
         std::string tail = "File Transfer completed.\n";
-        if (c.end == Declined) {
-            EXPECT_TRUE(side.quiet());
-            result = side.finish();
-            tail = "File Transfer abort.\n";
-        } else {
+        {
             const auto announce = side.nextReply();
             ASSERT_TRUE(announce);
             EXPECT_EQ(fieldsOf(*announce), Fields(2, 6, 0, 10, 0, "Desktop/project", local));
             EXPECT_FALSE(fs::exists(local) && !c.existing) << "nothing under the target's name before arrival";
             side.push(echo(*announce, 4), c.end == Damaged ? damaged : archive);
             switch (c.end) {
-                case Refuse:
-                    side.send(Event{2, 6, 0, static_cast<std::uint8_t>(c.how), 0, {}, {}, {}});
-                    tail = "Failed, because the session is suspended. Please resume the session and try again.\n";
-                    break;
                 case Signal: side.signal(c.how); break;
                 default:
                     side.send(echo(*announce, 8));
@@ -334,24 +325,16 @@ TEST_F(Directories, GetDirectoryReplacesTheTargetOnlyOnceTheTreeArrivedWhole) {
     }
 }
 
-// -putd: the tree is packed and sent; an abort leaves it as it was.
+// -putd: the tree is packed and sent, and stays.
 TEST_F(Directories, PutDirectoryFromTheCommandLine) {
     const std::string local = (dir / "source").string();
-    for (const int end : {8, 7}) {
-        FarSide side;
-        ASSERT_TRUE(side.start({"-putd", local, "Desktop/copy"}));
-        const auto announce = side.nextReply();
-        ASSERT_TRUE(announce);
-        EXPECT_EQ(fieldsOf(*announce), Fields(1, 6, 0, 10, 0, "Desktop/copy", local));
-        if (end == 8) {
-            expectSourceTree(side.pull(*announce));
-        } else {
-            side.ask(echo(*announce, 5), 4);
-            ASSERT_TRUE(side.send(echo(*announce, 7)));
-        }
-        expectEnd(side.finish(), end == 8 ? "File Transfer completed.\n" : "File Transfer aborted by remote.\n");
-        expectSourceTree(local);
-    }
+    ASSERT_TRUE(far.start({"-putd", local, "Desktop/copy"}));
+    const auto announce = far.nextReply();
+    ASSERT_TRUE(announce);
+    EXPECT_EQ(fieldsOf(*announce), Fields(1, 6, 0, 10, 0, "Desktop/copy", local));
+    expectSourceTree(far.pull(*announce));
+    expectEnd(far.finish(), "File Transfer completed.\n");
+    expectSourceTree(local);
 }
 
 }  // namespace
