@@ -88,6 +88,8 @@ TEST(TransferRequestDecoding, LengthsThatLieAreRefused) {
         {transferPayload(5, 2000, 3, 0, {'a', 'b', 'c'}), false},  // a skipped name A still moves B out
         {transferPayload(4, 1, 1, 0xFFFFFFFFu, {'a', 'b'}), false},
         {transferPayload(4, 1, 1, 7, {'a', 'b'}), false},  // longer even by the padding's width
+        {transferPayload(4, 1, 1, 3, {'a', 'b'}), false},  // one byte past the padding
+        {transferPayload(4, 1, 1, 2, {'a', 'b'}), true},   // the padding counts as the event's
         {transferPayload(5, 1, 1, 0xFFFFFFFFu, {'a', 'b'}), true},  // data length matters for chunks only
         {Bytes{2, 1, 0, 5, 0, 0}, false},  // too short for the fixed fields
         {Bytes{}, false},
