@@ -1,6 +1,6 @@
 // Feeds arbitrary sequences of the far side's events to the session's dispatch, in a session the
 // far side drives or a command-line run, against a wire that encodes every answer, and checks
-// after every run that nothing outside the scratch directory was created, changed or removed.
+// after every event that nothing outside the scratch directory was created, changed or removed.
 //
 // The input is read as records. Every name an event carries lies below the scratch directory
 // (built from a small alphabet, with ".zip" endings, NUL bytes and trailing separators), since
@@ -99,7 +99,7 @@ Place& place() {
     std::abort();
 }
 
-void checkOutsideAndEmptyScratch(const Place& p) {
+void checkOutside(const Place& p) {
     std::error_code ec;
     for (const auto& entry : fs::directory_iterator(p.outer, ec)) {
         const fs::path& path = entry.path();
@@ -110,6 +110,10 @@ void checkOutsideAndEmptyScratch(const Place& p) {
     for (const fs::path& file : {p.victim, p.cwd / "keep"})
         if (!fs::is_regular_file(fs::symlink_status(file, ec)) || readText(file) != kVictimText) touchedOutside(file);
     if (!fs::is_directory(fs::symlink_status(p.scratch, ec))) touchedOutside(p.scratch);
+}
+
+void emptyScratch(const Place& p) {
+    std::error_code ec;
     fs::permissions(p.scratch, fs::perms::owner_all, ec);
     for (const auto& entry : fs::recursive_directory_iterator(p.scratch, ec))
         if (entry.is_directory(ec)) fs::permissions(entry.path(), fs::perms::owner_all, ec);
@@ -248,10 +252,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                 }
             }
             outcome = dispatchEvent(session, kExtension, ev);
+            checkOutside(p);
         }
         status = finishRun(session, outcome);
     }
     if (status != 0) std::abort();  // every run of transfer mode ends with 0
-    checkOutsideAndEmptyScratch(p);
+    checkOutside(p);
+    emptyScratch(p);
     return 0;
 }
