@@ -1,14 +1,18 @@
 #!/usr/bin/env bash
-# Fuzzes the unpack stream for N seconds (default 60):
+# Fuzzes the unpack stream, then the session's dispatch, for N seconds each (default 60):
 #   scripts/fuzz.sh 60          the short run of scripts/test.sh
-#   scripts/fuzz.sh 3600        a longer run; the corpus it grows is kept in build-fuzz/corpus
-# The seed corpus is made here from archives written by zip, bsdtar and Python (nothing binary
-# is kept in the repository). Findings are written to build-fuzz/findings/.
+#   scripts/fuzz.sh 3600        a longer run; the corpora it grows are kept in build-fuzz/corpus
+#                               and build-fuzz/session-corpus
+#   scripts/fuzz.sh 600 session one target only (unpack or session)
+# The unpack seeds are made here from archives written by zip, bsdtar and Python (nothing binary
+# is kept in the repository); the session target starts from nothing. Findings are written to
+# build-fuzz/findings/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
+targets=${2:-unpack session}
 fuzzer=build-fuzz/tests/fuzz/unpack_fuzzer
-[ -x "$fuzzer" ] || bash scripts/build.sh fuzz
+[ -x "$fuzzer" ] && [ -x build-fuzz/tests/fuzz/session_fuzzer ] || bash scripts/build.sh fuzz
 
 seeds=build-fuzz/seeds
 corpus=build-fuzz/corpus
@@ -72,20 +76,38 @@ for f in "$work"/*.zip; do
   { printf '\003\023\042\063\104'; cat "$f"; } > "$seeds/$base-chunked"
 done
 
-echo "fuzz: $(ls "$seeds" | wc -l) seeds, ${seconds}s"
-# The target directory lives in memory when it can: the runs create and remove many files.
+# The targets' scratch directories live in memory when they can: the runs create and remove many files.
 scratch=/tmp
 [ -d /dev/shm ] && [ -w /dev/shm ] && scratch=/dev/shm
-# The fuzzer ends without running its own clean-up: its scratch directory goes with the run's.
+# A fuzzer ends without running its own clean-up: its scratch directory goes with the run's.
 scratch=$(mktemp -d "$scratch/varoft-fuzz-run.XXXXXX")
 trap 'rm -rf "$work" "$scratch"' EXIT
 # Each run may allocate (and free) a zstd window of megabytes; a smaller quarantine keeps the
 # sanitizer's memory, and the speed, in check.
 export ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}quarantine_size_mb=16"
-log=build-fuzz/fuzz.log
 status=0
-TMPDIR=$scratch "$fuzzer" -max_total_time="$seconds" -max_len=32768 -timeout=20 -rss_limit_mb=2048 \
-  -artifact_prefix="$findings/" -print_final_stats=1 "$corpus" "$seeds" >"$log" 2>&1 || status=$?
-grep -E 'INITED|DONE|stat::number_of_executed_units|stat::peak_rss_mb|==[0-9]+==|SUMMARY|Test unit written' "$log" || true
-[ "$status" -eq 0 ] || echo "fuzz: failed (status $status), see $log and $findings/" >&2
+run() {  # name, binary, log, corpus directories...
+  local name=$1 binary=$2 log=$3 rc=0
+  shift 3
+  TMPDIR=$scratch "$binary" -max_total_time="$seconds" -max_len=32768 -timeout=20 -rss_limit_mb=2048 \
+    -artifact_prefix="$PWD/$findings/" -print_final_stats=1 "$@" >"$log" 2>&1 || rc=$?
+  grep -E 'INITED|DONE|stat::number_of_executed_units|stat::peak_rss_mb|==[0-9]+==|SUMMARY|Test unit written|touched outside' "$log" || true
+  if [ "$rc" -ne 0 ]; then
+    echo "fuzz: $name failed (status $rc), see $log and $findings/" >&2
+    status=$rc
+  fi
+}
+for target in $targets; do
+  case "$target" in
+    unpack)
+      echo "fuzz: unpack stream, $(ls "$seeds" | wc -l) seeds, ${seconds}s"
+      run unpack "$fuzzer" build-fuzz/fuzz.log "$corpus" "$seeds" ;;
+    session)
+      # The target works from a directory of its own: its corpus is named by an absolute path.
+      echo "fuzz: session dispatch, ${seconds}s"
+      mkdir -p build-fuzz/session-corpus
+      run session build-fuzz/tests/fuzz/session_fuzzer build-fuzz/session-fuzz.log "$PWD/build-fuzz/session-corpus" ;;
+    *) echo "fuzz.sh: unknown target $target" >&2; exit 2 ;;
+  esac
+done
 exit "$status"

@@ -28,5 +28,5 @@ TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1} build-tsan/tests/archive/archive_t
 if [ -f tests/fuzz/CMakeLists.txt ]; then
   echo "== fuzzing (short run)"
   bash scripts/build.sh fuzz
-  bash scripts/fuzz.sh 60
+  bash scripts/fuzz.sh 60   # a minute for each target
 fi

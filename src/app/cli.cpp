@@ -4,8 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "app/log.h"
-#include "app/state.h"
+#include "common/log.h"
 #include "platform/platform.h"
 
 namespace {
@@ -21,11 +20,6 @@ int verbosityOption(const char* arg) {
     return -1;
 }
 
-[[noreturn]] void versionAndExit() {
-    printVersion();
-    std::exit(0);
-}
-
 }  // namespace
 
 void printVersion() { std::printf("%-10sVersion %s, GitHash %s\n", "varoft", "12.5.3.9413", VAROFT_GIT_HASH); }
@@ -36,51 +30,49 @@ std::string programBaseName(const char* path) {
     return slash ? std::string(slash + 1) : std::string(path);
 }
 
-bool parseTransferOptions(int argc, char** argv, std::optional<std::string>* display, std::int32_t* verbosity) {
-    if (!argv || !display || !verbosity) return false;
-    RunMode = RunModeNone;
-    display->reset();
-    *verbosity = 1;
-    if (argc < 2) return true;
+ParseResult parseTransferOptions(int argc, char** argv, Options& out) {
+    out = Options{};
+    if (!argv) return ParseResult::Usage;
+    if (argc < 2) return ParseResult::Run;
 
     for (int i = 1; i < argc; ++i) {
         const char* arg = argv[i];
-        if (!arg) return false;
+        if (!arg) return ParseResult::Usage;
         const bool hasNext = i + 1 < argc && argv[i + 1];
         if (is(arg, "-display") || is(arg, "-d")) {
-            if (!hasNext) return false;
-            *display = argv[++i];
+            if (!hasNext) return ParseResult::Usage;
+            out.display = argv[++i];
         } else if (is(arg, "-print")) {
             // Print mode is chosen before this parser runs.
         } else if (is(arg, "-open")) {
-            if (!hasNext) return false;
-            RunMode = RunModeOpen;
-            LocalPath = argv[++i];
+            if (!hasNext) return ParseResult::Usage;
+            out.runMode = RunMode::Open;
+            out.localPath = argv[++i];
         } else if (const int level = verbosityOption(arg); level >= 0) {
-            *verbosity = level;
+            out.verbosity = level;
         } else if (is(arg, "-l")) {
-            enableLogFile();
+            out.logFile = true;
         } else if (is(arg, "--version")) {
-            versionAndExit();
+            return ParseResult::Version;
         } else if (is(arg, "-get") || is(arg, "-getd")) {
-            if (i + 2 >= argc || !argv[i + 1] || !argv[i + 2]) return false;
-            RunMode = is(arg, "-get") ? RunModeGet : RunModeGetDir;
-            RemotePath = argv[++i];
-            LocalPath = argv[++i];
+            if (i + 2 >= argc || !argv[i + 1] || !argv[i + 2]) return ParseResult::Usage;
+            out.runMode = is(arg, "-get") ? RunMode::Get : RunMode::GetDir;
+            out.remotePath = argv[++i];
+            out.localPath = argv[++i];
         } else if (is(arg, "-put") || is(arg, "-putd")) {
-            if (!hasNext) return false;
-            RunMode = is(arg, "-put") ? RunModePut : RunModePutDir;
-            LocalPath = argv[++i];
+            if (!hasNext) return ParseResult::Usage;
+            out.runMode = is(arg, "-put") ? RunMode::Put : RunMode::PutDir;
+            out.localPath = argv[++i];
             if (i + 1 < argc && argv[i + 1] && argv[i + 1][0] != '-') {
-                RemotePath = argv[++i];
+                out.remotePath = argv[++i];
             } else {
-                RemotePath = "?";
+                out.remotePath = "?";
             }
         } else {
-            return false;
+            return ParseResult::Usage;
         }
     }
-    return true;
+    return ParseResult::Run;
 }
 
 void collectPrintArgument(char* arg, std::vector<std::string>& files) {
@@ -98,35 +90,33 @@ void collectPrintArgument(char* arg, std::vector<std::string>& files) {
     for (const auto& name : names) files.push_back(prefix + name);
 }
 
-bool parsePrintOptions(int argc, char** argv, std::optional<std::string>* display, std::int32_t* verbosity,
-                       std::vector<std::string>* files) {
-    if (!argv || !display || !verbosity || !files) return false;
-    display->reset();
-    *verbosity = 1;
+ParseResult parsePrintOptions(int argc, char** argv, Options& out) {
+    out = Options{};
+    if (!argv) return ParseResult::Usage;
     bool filesOnly = false;
     for (int i = 1; i < argc; ++i) {
         char* arg = argv[i];
-        if (!arg) return false;
+        if (!arg) return ParseResult::Usage;
         if (!filesOnly && (is(arg, "-display") || is(arg, "-d"))) {
-            if (i + 1 >= argc || !argv[i + 1]) return false;
-            *display = argv[++i];
+            if (i + 1 >= argc || !argv[i + 1]) return ParseResult::Usage;
+            out.display = argv[++i];
         } else if (is(arg, "-print")) {
             // The mode switch itself, wherever it stands.
         } else if (filesOnly || arg[0] != '-') {
-            collectPrintArgument(arg, *files);
+            collectPrintArgument(arg, out.printFiles);
         } else if (const int level = verbosityOption(arg); level >= 0) {
-            *verbosity = level;
+            out.verbosity = level;
         } else if (is(arg, "--version")) {
-            versionAndExit();
+            return ParseResult::Version;
         } else if (is(arg, "-n")) {
             // A count from older command lines, read and ignored.
-            if (i + 1 >= argc || !argv[i + 1]) return false;
+            if (i + 1 >= argc || !argv[i + 1]) return ParseResult::Usage;
             (void)std::strtol(argv[++i], nullptr, 10);
         } else if (is(arg, "--")) {
             filesOnly = true;
         } else {
-            return false;
+            return ParseResult::Usage;
         }
     }
-    return true;
+    return ParseResult::Run;
 }

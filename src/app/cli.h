@@ -1,20 +1,24 @@
 // The two command-line grammars: transfer mode and print mode.
 #pragma once
 
-#include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
-// Transfer mode. Fills RunMode, LocalPath and RemotePath (process-wide) and the two results;
-// false means "show the usage". A null vector or result gives false. Verbosity is written as it
-// is parsed, so a failure still reports what came before it.
-bool parseTransferOptions(int argc, char** argv, std::optional<std::string>* display, std::int32_t* verbosity);
+#include "common/options.h"
 
-// Print mode: walks argv[1..] once; file arguments are expanded into `files`. False on a
-// command-line error.
-bool parsePrintOptions(int argc, char** argv, std::optional<std::string>* display, std::int32_t* verbosity,
-                       std::vector<std::string>* files);
+enum class ParseResult {
+    Run,      // the options are complete
+    Usage,    // a command-line error: show the usage
+    Version,  // --version: print the version and end
+};
+
+// Transfer mode: fills the run mode, the paths, the display, the verbosity and the log flag.
+// The verbosity and the log flag are kept as they are parsed, so a failure still reports what
+// came before it. A null vector gives Usage.
+ParseResult parseTransferOptions(int argc, char** argv, Options& out);
+
+// Print mode: walks argv[1..] once; file arguments are expanded into out.printFiles.
+ParseResult parsePrintOptions(int argc, char** argv, Options& out);
 
 // Expands one file argument (cut to 255 characters in place) by the wildcard rules and appends
 // the matches, each as its directory prefix plus the matching name. No match: the level-0

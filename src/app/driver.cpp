@@ -7,9 +7,10 @@
 #include <xcb/xcb.h>
 
 #include "app/cli.h"
-#include "app/log.h"
-#include "app/state.h"
+#include "common/log.h"
+#include "common/options.h"
 #include "filetransfer/session.h"
+#include "filetransfer/xcb_wire.h"
 #include "platform/platform.h"
 #include "print/print_loop.h"
 
@@ -39,7 +40,7 @@ void printUsage() { logPrint(1, "%s", kUsage); }
 
 // A command-line error: banner and usage at the given verbosity; the run ends with 0.
 int commandLineError(const std::string& program, std::int32_t verbosity) {
-    Verbosity = verbosity;
+    setLogVerbosity(verbosity);
     printBanner(program);
     printUsage();
     return 0;
@@ -47,10 +48,10 @@ int commandLineError(const std::string& program, std::int32_t verbosity) {
 
 // A parsed command line: the banner and, at -vv, what was understood.
 void printStartup(const std::string& program, std::int32_t verbosity, const std::optional<std::string>& display) {
-    Verbosity = verbosity;
+    setLogVerbosity(verbosity);
     printBanner(program);
     logPrint(3, "Command line processed\n");
-    logPrint(3, "Verbosity level: %d\n", Verbosity);
+    logPrint(3, "Verbosity level: %d\n", verbosity);
     if (display) logPrint(3, "Display is: %s\n", display->c_str());
 }
 
@@ -70,19 +71,20 @@ struct Connection {
 };
 
 int runPrintMode(int argc, char** argv, const std::string& program) {
-    std::optional<std::string> display;
-    std::int32_t verbosity = 1;
-    if (!parsePrintOptions(argc, argv, &display, &verbosity, &PrintFileList)) {
-        PrintFileList.clear();
-        return commandLineError(program, 1);  // print mode shows its usage whatever -q said
+    Options options;
+    switch (parsePrintOptions(argc, argv, options)) {
+        case ParseResult::Run: break;
+        case ParseResult::Version: printVersion(); return 0;
+        case ParseResult::Usage: return commandLineError(program, 1);  // whatever -q said
     }
-    printStartup(program, verbosity, display);
-    if (PrintFileList.empty()) {
+    const std::optional<std::string>& display = options.display;
+    printStartup(program, options.verbosity, display);
+    if (options.printFiles.empty()) {
         printUsage();
         return 1;
     }
-    logPrint(3, "%d files to print:\n", static_cast<int>(PrintFileList.size()));
-    for (const auto& file : PrintFileList) logPrint(3, "\t%s\n", file.c_str());
+    logPrint(3, "%d files to print:\n", static_cast<int>(options.printFiles.size()));
+    for (const auto& file : options.printFiles) logPrint(3, "\t%s\n", file.c_str());
 
     Connection connection(display);
     if (!connection.handle) return 1;
@@ -95,19 +97,25 @@ int runPrintMode(int argc, char** argv, const std::string& program) {
         logPrint(1, "X Server does not support the \"%s\" extension\n", kThinPrintExtensionName);
         return 1;
     }
-    runPrintLoop(connection.handle, PrintFileList);
+    runPrintLoop(connection.handle, options.printFiles);
     return 0;
 }
 
 int runTransferMode(int argc, char** argv, const std::string& program) {
-    std::optional<std::string> display;
-    std::int32_t verbosity = 1;
-    if (!parseTransferOptions(argc, argv, &display, &verbosity)) return commandLineError(program, verbosity);
-    printStartup(program, verbosity, display);
+    Options options;
+    const ParseResult parsed = parseTransferOptions(argc, argv, options);
+    if (options.logFile) enableLogFile();
+    if (parsed == ParseResult::Version) {
+        printVersion();
+        return 0;
+    }
+    if (parsed == ParseResult::Usage) return commandLineError(program, options.verbosity);
+    const std::optional<std::string>& display = options.display;
+    printStartup(program, options.verbosity, display);
     // The far side's names are cut to 1023 bytes; a cut local path could name an unrelated
     // sibling, so a longer one is never acted on.
-    if (RunMode != RunModeNone && LocalPath.size() > kLocalPathMax) {
-        logPrint(1, "%s: File name too long\n", LocalPath.c_str());
+    if (options.runMode != RunMode::None && options.localPath.size() > kLocalPathMax) {
+        logPrint(1, "%s: File name too long\n", options.localPath.c_str());
         return 0;
     }
 
@@ -115,8 +123,12 @@ int runTransferMode(int argc, char** argv, const std::string& program) {
     if (!connection.handle) return 1;
     switch (xcb_connection_has_error(connection.handle)) {
         case 0:
-            runFileTransfer(connection.handle);
-            return 0;
+        {
+            // The session and its wire go before the connection does.
+            XcbWire wire(connection.handle);
+            Session session(std::move(options), wire);
+            return runFileTransfer(connection.handle, session);
+        }
         case XCB_CONN_CLOSED_MEM_INSUFFICIENT:
             logPrint(1, "Could not connect to display: %s, insufficient memory.\n", shown(display));
             break;

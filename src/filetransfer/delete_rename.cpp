@@ -2,8 +2,9 @@
 
 #include <string>
 
-#include "app/log.h"
+#include "common/log.h"
 #include "common/bytes.h"
+#include "filetransfer/dispatch.h"
 #include "filetransfer/framing.h"
 #include "filetransfer/protocol.h"
 #include "platform/platform.h"
@@ -56,36 +57,37 @@ bool decodeRenameRequest(std::span<const std::uint8_t> event, RenameRequest& out
     return true;
 }
 
-void handleDeleteRequest(xcb_connection_t* connection, std::span<const std::uint8_t> event) {
+Outcome handleDeleteRequest(Session& session, std::span<const std::uint8_t> event) {
     logPrint(2, "Reading delete file request.\n");
     DeleteRequest request;
     if (!decodeDeleteRequest(event, request)) {
         logDroppedEvent(kDeleteFileRequest);
-        return;
+        return Outcome::goOn();
     }
     const std::string path(request.path);
     if (path.empty()) {
         // Nothing named: a failure, without asking the file system about an empty path.
-        platform::setLastError(platform::missingErrorCode());
-        sendFileTransferStatus(connection, {}, kStatusDelete, true);
-        return;
+        session.wire.sendStatus({}, kStatusDelete, true, platform::missingErrorCode());
+        return Outcome::goOn();
     }
     const bool removed = removePath(path);
-    sendFileTransferStatus(connection, path, kStatusDelete, !removed);
+    session.wire.sendStatus(path, kStatusDelete, !removed, removed ? 0 : platform::lastError());
+    return Outcome::goOn();
 }
 
-void handleRenameRequest(xcb_connection_t* connection, std::span<const std::uint8_t> event) {
+Outcome handleRenameRequest(Session& session, std::span<const std::uint8_t> event) {
     logPrint(2, "Reading rename file request.\n");
     RenameRequest request;
     if (!decodeRenameRequest(event, request)) {
         logDroppedEvent(kRenameFileRequest);
-        return;
+        return Outcome::goOn();
     }
     // A request without both names is left unanswered.
-    if (request.oldLength == 0 || request.newLength == 0) return;
+    if (request.oldLength == 0 || request.newLength == 0) return Outcome::goOn();
     const std::string oldName(request.oldName);
     const std::string newName(request.newName);
     // A rename acts on the names themselves: a final symbolic link is moved, never followed.
     const bool moved = platform::renameNoReplace(oldName, newName);
-    sendFileTransferStatus(connection, oldName, kStatusRename, !moved);
+    session.wire.sendStatus(oldName, kStatusRename, !moved, moved ? 0 : platform::lastError());
+    return Outcome::goOn();
 }

@@ -1,12 +1,11 @@
-// Deleting and renaming local files and directories at the far side's request. Each request is
-// answered by one FileTransferStatus, except a rename that lacks a name, which gets no answer.
+// Deleting and renaming local files and directories at the far side's request (the handlers are
+// in dispatch.h). Each request is answered by one FileTransferStatus, except a rename that lacks
+// a name, which gets no answer.
 #pragma once
 
 #include <cstdint>
 #include <span>
 #include <string_view>
-
-#include <xcb/xcb.h>
 
 // A DeleteFileRequest as decoded; the view points into the event, up to its first NUL byte.
 struct DeleteRequest {
@@ -26,8 +25,3 @@ struct RenameRequest {
 // fields or a length claims bytes it does not hold.
 bool decodeDeleteRequest(std::span<const std::uint8_t> event, DeleteRequest& out);
 bool decodeRenameRequest(std::span<const std::uint8_t> event, RenameRequest& out);
-
-// Removes a file, a symbolic link (never what it points to) or a whole directory tree.
-void handleDeleteRequest(xcb_connection_t* connection, std::span<const std::uint8_t> event);
-// Moves a file or directory to a new name that must not exist yet.
-void handleRenameRequest(xcb_connection_t* connection, std::span<const std::uint8_t> event);

@@ -4,10 +4,10 @@
 #include <string>
 #include <string_view>
 
-#include "app/log.h"
+#include "common/log.h"
 #include "filetransfer/framing.h"
+#include "filetransfer/session.h"
 #include "filetransfer/protocol.h"
-#include "filetransfer/transfer_state.h"
 #include "platform/platform.h"
 
 namespace {
@@ -34,18 +34,18 @@ std::string commandLineHomeDirectory() {
     return home ? std::string(home) : std::string();
 }
 
-void reportEnvironment(xcb_connection_t* connection) {
+void reportEnvironment(Session& session) {
     if (const char* profile = firstSet({"USERPROFILE", "HOME"})) {
         logPrint(2, "UserProfile = %s\n", profile);
-        UserHomeDir = std::string(profile) + "/Documents";
+        session.userHomeDir = std::string(profile) + "/Documents";
     } else {
         logPrint(1, "getenv(USERPROFILE) returned NULL\n");
         const char* drive = platform::environment("SystemDrive");
-        UserHomeDir = drive ? drive : "/";
+        session.userHomeDir = drive ? drive : "/";
     }
 
     const char* user = firstSet({"USERNAME", "USER", "LOGNAME"});
-    UserName = user ? user : "";
+    session.userName = user ? user : "";
 
     // No hidden-drive policy exists here: the mask is always 0.
     const std::uint32_t hiddenDrives = 0;
@@ -53,20 +53,13 @@ void reportEnvironment(xcb_connection_t* connection) {
     const std::vector<std::uint8_t> drives = driveList();
     logPrint(2, "Drive = %s\n", kRootDrive);
 
-    logPrint(2, "UserHomeDir = %s\n", UserHomeDir.c_str());
-    if (!UserName.empty()) logPrint(2, "USERNAME = %s\n", UserName.c_str());
+    logPrint(2, "UserHomeDir = %s\n", session.userHomeDir.c_str());
+    if (!session.userName.empty()) logPrint(2, "USERNAME = %s\n", session.userName.c_str());
 
     std::string host;
     if (platform::hostName(host)) logPrint(2, "HOSTNAME = %s\n", host.c_str());
 
-    FileTransferReplyFields fields;
-    fields.direction = kDirectionToDesktop;
-    fields.objectType = kObjectFile;
-    fields.openFlag = 0;
-    fields.kind = kReplySessionStart;
-    fields.size = 0;
-    fields.a = host;
-    fields.b = UserName;
-    fields.c = drives;
-    sendFileTransferReply(connection, fields);
+    session.wire.sendReply(TransferHeader{kDirectionToDesktop, kObjectFile, 0, kReplySessionStart, 0, host,
+                                          session.userName},
+                           drives);
 }

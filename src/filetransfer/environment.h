@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
-#include <xcb/xcb.h>
+struct Session;
 
-// Fills UserHomeDir and UserName and sends the session start (reply kind 9).
-void reportEnvironment(xcb_connection_t* connection);
+// Fills the session's home directory and user name and sends the session start (reply kind 9).
+void reportEnvironment(Session& session);
 
 // The drive list of the session start: each entry followed by its terminator.
 std::vector<std::uint8_t> driveList();

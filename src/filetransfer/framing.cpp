@@ -2,67 +2,64 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <string>
 
-#include <xcb/xcbext.h>
-
-#include "app/log.h"
 #include "common/bytes.h"
+#include "common/log.h"
 #include "filetransfer/protocol.h"
-#include "filetransfer/transfer_state.h"
-#include "platform/platform.h"
 
 namespace {
 
-constexpr std::uint8_t kZeros[4] = {0, 0, 0, 0};
-
-// One part of a request vector (struct iovec comes with libxcb's header).
-
-iovec part(const void* data, std::size_t length) {
-    return iovec{const_cast<void*>(data), length};
+// The request length in 4-byte units, or 0 when it does not fit the 16-bit field.
+void putLength(std::vector<std::uint8_t>& out) {
+    const std::size_t units = out.size() / 4;
+    bytes::put16(out, 2, units <= UINT16_MAX ? static_cast<std::uint16_t>(units) : 0);
 }
+
+// A name is kept the way a C string would hold it: up to its first NUL byte.
+std::string cString(std::string_view text) { return std::string(text.substr(0, text.find('\0'))); }
 
 }  // namespace
 
-ReplyParts replyParts(const FileTransferReplyFields& fields) {
+ReplyParts replyParts(const TransferHeader& header, std::span<const std::uint8_t> c) {
     ReplyParts parts;
     // The lengths live in 16-bit cells; the bytes sent follow the cells.
-    const auto lengthA = static_cast<std::uint16_t>(fields.a.size());
-    const auto lengthB = static_cast<std::uint16_t>(fields.b.size());
-    parts.a = fields.a.substr(0, lengthA);
-    parts.b = fields.b.substr(0, lengthB);
-    if (fields.direction != 2) {
+    const auto lengthA = static_cast<std::uint16_t>(header.nameA.size());
+    const auto lengthB = static_cast<std::uint16_t>(header.nameB.size());
+    parts.a = std::string_view(header.nameA).substr(0, lengthA);
+    parts.b = std::string_view(header.nameB).substr(0, lengthB);
+    if (header.direction != kDirectionFromDesktop) {
         // The length field is 32 bits wide; a block cannot come near that in one request.
-        parts.c = fields.c.first(std::min<std::size_t>(fields.c.size(), UINT32_MAX));
+        parts.c = c.first(std::min<std::size_t>(c.size(), UINT32_MAX));
     }
     parts.padding = bytes::pad4(parts.a.size() + parts.b.size() + parts.c.size());
     return parts;
 }
 
-std::array<std::uint8_t, kReplyFixedSize> encodeFileTransferReplyFixed(const FileTransferReplyFields& fields) {
-    const ReplyParts parts = replyParts(fields);
+std::array<std::uint8_t, kReplyFixedSize> encodeFileTransferReplyFixed(const TransferHeader& header,
+                                                                       std::span<const std::uint8_t> c) {
+    const ReplyParts parts = replyParts(header, c);
     std::array<std::uint8_t, kReplyFixedSize> fixed{};
-    bytes::put8(fixed, 4, fields.direction);
-    bytes::put8(fixed, 5, fields.objectType);
-    bytes::put8(fixed, 6, fields.openFlag);
-    bytes::put8(fixed, 7, fields.kind);
-    bytes::put64(fixed, 8, fields.size);
+    bytes::put8(fixed, 4, header.direction);
+    bytes::put8(fixed, 5, header.objectType);
+    bytes::put8(fixed, 6, header.openFlag);
+    bytes::put8(fixed, 7, header.kind);
+    bytes::put64(fixed, 8, header.size);
     bytes::put16(fixed, 16, static_cast<std::uint16_t>(parts.a.size()));
     bytes::put16(fixed, 18, static_cast<std::uint16_t>(parts.b.size()));
     bytes::put32(fixed, 20, static_cast<std::uint32_t>(parts.c.size()));
     return fixed;
 }
 
-std::vector<std::uint8_t> encodeFileTransferReply(std::uint8_t majorOpcode, const FileTransferReplyFields& fields) {
-    const ReplyParts parts = replyParts(fields);
-    const auto fixed = encodeFileTransferReplyFixed(fields);
+std::vector<std::uint8_t> encodeFileTransferReply(std::uint8_t majorOpcode, const TransferHeader& header,
+                                                  std::span<const std::uint8_t> c) {
+    const ReplyParts parts = replyParts(header, c);
+    const auto fixed = encodeFileTransferReplyFixed(header, c);
     std::vector<std::uint8_t> out;
     bytes::Writer w(out);
     w.raw(fixed).raw(parts.a).raw(parts.b).raw(parts.c).zeros(parts.padding);
     out[0] = majorOpcode;
     out[1] = kFileTransferReplyOpcode;
-    const std::size_t units = out.size() / 4;
-    bytes::put16(out, 2, units <= UINT16_MAX ? static_cast<std::uint16_t>(units) : 0);
+    putLength(out);
     return out;
 }
 
@@ -87,8 +84,27 @@ std::vector<std::uint8_t> encodeFileTransferStatus(std::uint8_t majorOpcode, std
     w.raw(fixed).raw(path).raw(errorText).zeros(bytes::pad4(path.size() + errorText.size()));
     out[0] = majorOpcode;
     out[1] = kFileTransferStatusOpcode;
-    const std::size_t units = out.size() / 4;
-    bytes::put16(out, 2, units <= UINT16_MAX ? static_cast<std::uint16_t>(units) : 0);
+    putLength(out);
+    return out;
+}
+
+std::array<std::uint8_t, kListItemFixedSize> encodeFileListItemFixed(const FileListItemFields& fields) {
+    std::array<std::uint8_t, kListItemFixedSize> fixed{};
+    bytes::put32(fixed, 4, static_cast<std::uint32_t>(fields.name.size()));
+    bytes::put64(fixed, 8, fields.size);
+    bytes::put8(fixed, 16, fields.type);
+    return fixed;
+}
+
+std::vector<std::uint8_t> encodeFileListItem(std::uint8_t majorOpcode, const FileListItemFields& fields) {
+    const auto fixed = encodeFileListItemFixed(fields);
+    // Sized up front: the name is followed by zero padding to a multiple of 4.
+    std::vector<std::uint8_t> out(fixed.size() + fields.name.size() + bytes::pad4(fields.name.size()), 0);
+    std::copy(fixed.begin(), fixed.end(), out.begin());
+    std::copy(fields.name.begin(), fields.name.end(), out.begin() + static_cast<std::ptrdiff_t>(fixed.size()));
+    out[0] = majorOpcode;
+    out[1] = kFileListItemOpcode;
+    putLength(out);
     return out;
 }
 
@@ -104,49 +120,42 @@ std::optional<GenericEventHeader> decodeGenericEventHeader(std::span<const std::
     return h;
 }
 
-std::span<const std::uint8_t> genericEventBytes(const xcb_generic_event_t* event) {
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(event);
-    const auto header = decodeGenericEventHeader(std::span<const std::uint8_t>(bytes, 32));
-    return {bytes, genericEventBufferSize(header ? header->length : 0)};
-}
+bool decodeTransferRequest(std::span<const std::uint8_t> event, TransferRequest& out) {
+    bytes::Reader r(event, kGenericEventPayloadOffset);
+    TransferRequest t;
+    t.header.direction = r.u8();
+    t.header.objectType = r.u8();
+    t.header.openFlag = r.u8();
+    t.header.kind = r.u8();
+    if (!r.ok()) return false;
+    const std::uint8_t kind = t.header.kind;
+    if (kind == kEventSessionClosed || (kind >= kEventRefusedFirst && kind <= kEventRefusedLast)) {
+        out = std::move(t);  // nothing else of these events is read
+        return true;
+    }
+    t.header.size = r.u64();
+    const std::uint16_t lengthA = r.u16();
+    const std::uint16_t lengthB = r.u16();
+    const std::uint32_t dataLength = r.u32();
+    if (!r.ok()) return false;
 
-const xcb_query_extension_reply_t* findExtension(xcb_connection_t* connection) {
-    ExtensionInfo = xcb_get_extension_data(connection, &FileTransferExtension);
-    return ExtensionInfo;
-}
+    t.hasNameA = lengthA >= 1 && lengthA <= kNameMax;
+    t.hasNameB = lengthB >= 1 && lengthB <= kNameMax;
+    const std::size_t names = r.position();
+    const std::uint64_t available = event.size() - names;
+    const std::uint64_t endA = lengthA;
+    const std::uint64_t endB = endA + lengthB;
+    const std::uint64_t endData = endB + dataLength;
+    if (t.hasNameA && endA > available) return false;
+    if (t.hasNameB && endB > available) return false;
+    if (kind == kEventChunk && endData > available) return false;
 
-void sendFileTransferReply(xcb_connection_t* connection, const FileTransferReplyFields& fields) {
-    logPrint(2, "Sending file transfer reply.\n");
-    const ReplyParts parts = replyParts(fields);
-    auto fixed = encodeFileTransferReplyFixed(fields);
-    // Two leading slots belong to libxcb (it may prepend the BIG-REQUESTS length there).
-    iovec vector[2 + 6];
-    vector[2] = part(fixed.data(), fixed.size());
-    vector[3] = part(kZeros, 0);
-    vector[4] = part(parts.a.data(), parts.a.size());
-    vector[5] = part(parts.b.data(), parts.b.size());
-    vector[6] = part(parts.c.data(), parts.c.size());
-    vector[7] = part(kZeros, parts.padding);
-    static const xcb_protocol_request_t request = {6, &FileTransferExtension, kFileTransferReplyOpcode, 1};
-    xcb_send_request(connection, 0, vector + 2, &request);
-}
-
-void sendFileTransferStatus(xcb_connection_t* connection, std::string_view path, std::uint8_t requestKind,
-                            bool failed) {
-    std::string errorText;
-    if (failed) errorText = platform::lastErrorText();
-    auto fixed = encodeFileTransferStatusFixed(requestKind, failed, static_cast<std::uint32_t>(path.size()),
-                                               static_cast<std::uint32_t>(errorText.size()));
-    iovec vector[2 + 5];
-    vector[2] = part(fixed.data(), fixed.size());
-    vector[3] = part(kZeros, 0);
-    vector[4] = part(path.data(), path.size());
-    vector[5] = part(errorText.data(), errorText.size());
-    vector[6] = part(kZeros, bytes::pad4(path.size() + errorText.size()));
-    static const xcb_protocol_request_t request = {5, &FileTransferExtension, kFileTransferStatusOpcode, 1};
-    xcb_send_request(connection, 0, vector + 2, &request);
-    if (failed) logPrint(2, "Sending failed file transfer status, error : %s\n", errorText.c_str());
-    else logPrint(2, "Sending suceess file transfer status\n");
+    const char* base = reinterpret_cast<const char*>(event.data() + names);
+    if (t.hasNameA) t.header.nameA = cString(std::string_view(base, lengthA));
+    if (t.hasNameB) t.header.nameB = cString(std::string_view(base + endA, lengthB));
+    if (kind == kEventChunk) t.data = event.subspan(names + endB, dataLength);
+    out = std::move(t);
+    return true;
 }
 
 void logDroppedEvent(std::uint16_t eventType) {

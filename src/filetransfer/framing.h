@@ -1,9 +1,6 @@
-// Framing of the file-transfer extension: finding it, the two request messages the client sends
-// (FileTransferReply and FileTransferStatus) and the header of the generic events in which the
-// far side sends its own requests.
-//
-// The encoders are pure functions so the exact bytes can be checked without a connection; the
-// senders hand the same parts to libxcb.
+// The messages of the file-transfer extension, encoded and decoded field by field without a
+// connection: the three requests the client sends (FileTransferReply, FileTransferStatus,
+// FileListItem) and the generic events in which the far side sends its own requests.
 #pragma once
 
 #include <array>
@@ -11,27 +8,29 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
-#include <xcb/xcb.h>
+// ---- the transfer header ---------------------------------------------------------------------
+
+// The seven fields a TransferRequest event and a FileTransferReply share, and that the transfer
+// in progress keeps from one event to the next.
+struct TransferHeader {
+    std::uint8_t direction = 0;   // 1 local -> desktop, 2 desktop -> local
+    std::uint8_t objectType = 0;  // 1 file, 2 and 3 file to move, 6 directory, 0 file to open
+    std::uint8_t openFlag = 0;
+    std::uint8_t kind = 0;        // message kind
+    std::uint64_t size = 0;
+    std::string nameA;            // string A: the desktop's name
+    std::string nameB;            // string B: the local name
+};
 
 // ---- FileTransferReply (minor opcode 115) ----------------------------------------------------
 
 inline constexpr std::size_t kReplyFixedSize = 24;
 
-struct FileTransferReplyFields {
-    std::uint8_t direction = 0;   // 1 local -> desktop, 2 desktop -> local
-    std::uint8_t objectType = 0;  // 1 file, 6 directory, 0 file to open
-    std::uint8_t openFlag = 0;
-    std::uint8_t kind = 0;        // message kind
-    std::uint64_t size = 0;
-    std::string_view a;           // string A
-    std::string_view b;           // string B
-    std::span<const std::uint8_t> c;  // block C
-};
-
-// What actually goes on the wire for the given fields: the string lengths are kept in 16-bit
+// What actually goes on the wire for a header and block C: the string lengths are kept in 16-bit
 // cells (a longer string is cut to the low 16 bits of its length), and block C is dropped when
 // the direction is 2 (its length is then written as 0).
 struct ReplyParts {
@@ -40,12 +39,14 @@ struct ReplyParts {
     std::span<const std::uint8_t> c;
     std::size_t padding = 0;  // zero bytes after the variable part
 };
-ReplyParts replyParts(const FileTransferReplyFields& fields);
+ReplyParts replyParts(const TransferHeader& header, std::span<const std::uint8_t> c);
 
 // The 24-byte fixed part. Bytes 0..3 (opcodes, length) are left 0: libxcb fills them.
-std::array<std::uint8_t, kReplyFixedSize> encodeFileTransferReplyFixed(const FileTransferReplyFields& fields);
+std::array<std::uint8_t, kReplyFixedSize> encodeFileTransferReplyFixed(const TransferHeader& header,
+                                                                       std::span<const std::uint8_t> c);
 // The whole request as the server receives it, with the given major opcode and length filled.
-std::vector<std::uint8_t> encodeFileTransferReply(std::uint8_t majorOpcode, const FileTransferReplyFields& fields);
+std::vector<std::uint8_t> encodeFileTransferReply(std::uint8_t majorOpcode, const TransferHeader& header,
+                                                  std::span<const std::uint8_t> c);
 
 // ---- FileTransferStatus (minor opcode 119) ---------------------------------------------------
 
@@ -63,6 +64,26 @@ std::array<std::uint8_t, kStatusFixedSize> encodeFileTransferStatusFixed(std::ui
                                                                         std::uint32_t errorLength);
 std::vector<std::uint8_t> encodeFileTransferStatus(std::uint8_t majorOpcode, std::uint8_t requestKind, bool failed,
                                                    std::string_view path, std::string_view errorText);
+
+// ---- FileListItem (minor opcode 116) ---------------------------------------------------------
+
+inline constexpr std::size_t kListItemFixedSize = 24;
+
+// Entry types of an item; files carry their class letter ('t', 'p', 'a', 'b') instead.
+inline constexpr std::uint8_t kItemEnd = 0;
+inline constexpr std::uint8_t kItemDirectory = 1;
+inline constexpr std::uint8_t kItemListedDirectory = 2;
+
+struct FileListItemFields {
+    std::uint64_t size = 0;
+    std::uint8_t type = 0;
+    std::string_view name;
+};
+
+// The 24-byte fixed part; bytes 0..3 (opcodes, length) are left 0 for libxcb.
+std::array<std::uint8_t, kListItemFixedSize> encodeFileListItemFixed(const FileListItemFields& fields);
+// The whole request as the server receives it, with the major opcode and length filled.
+std::vector<std::uint8_t> encodeFileListItem(std::uint8_t majorOpcode, const FileListItemFields& fields);
 
 // ---- generic events --------------------------------------------------------------------------
 
@@ -84,23 +105,21 @@ inline std::size_t genericEventBufferSize(std::uint32_t length) {
 // Decodes the first 10 bytes; nullopt when fewer than 32 bytes are given.
 std::optional<GenericEventHeader> decodeGenericEventHeader(std::span<const std::uint8_t> buffer);
 
-// The whole buffer of a generic event that libxcb handed over (its real size follows from the
-// length field, which libxcb itself used to read the event).
-std::span<const std::uint8_t> genericEventBytes(const xcb_generic_event_t* event);
+// Names longer than this are not taken from an event.
+inline constexpr std::size_t kNameMax = 1023;
 
-// ---- sending ---------------------------------------------------------------------------------
+// A TransferRequest event as decoded. The names are taken up to their first NUL byte, and only
+// when their length is 1..kNameMax (hasName); `data` points into the event (kind 4 only).
+struct TransferRequest {
+    TransferHeader header;
+    bool hasNameA = false;
+    bool hasNameB = false;
+    std::span<const std::uint8_t> data;
+};
 
-// Looks the extension up (libxcb caches the answer) and keeps the result in ExtensionInfo.
-// Null when libxcb gives nothing; the reply's present flag is not consulted.
-const xcb_query_extension_reply_t* findExtension(xcb_connection_t* connection);
-
-// Sends a FileTransferReply without flushing; logs "Sending file transfer reply." at level 2.
-void sendFileTransferReply(xcb_connection_t* connection, const FileTransferReplyFields& fields);
-
-// Sends a FileTransferStatus; with `failed` the text of the last platform error goes with it, so
-// call it right after the failing call. An empty path sends none.
-void sendFileTransferStatus(xcb_connection_t* connection, std::string_view path, std::uint8_t requestKind,
-                            bool failed);
+// Decodes the event as libxcb delivered it (32 bytes, full sequence, payload). False when the
+// event is too short for its fixed fields or a length field claims bytes it does not hold.
+bool decodeTransferRequest(std::span<const std::uint8_t> event, TransferRequest& out);
 
 // An event whose length fields claim more bytes than it holds is dropped without an answer;
 // this logs the level-2 line that says so.

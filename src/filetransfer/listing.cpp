@@ -2,35 +2,15 @@
 
 #include <algorithm>
 
-#include <xcb/xcbext.h>
-
-#include "app/log.h"
+#include "common/log.h"
 #include "common/bytes.h"
+#include "filetransfer/dispatch.h"
 #include "filetransfer/framing.h"
 #include "filetransfer/protocol.h"
-#include "filetransfer/transfer_state.h"
 #include "platform/platform.h"
 #include "print/classify.h"
 
-std::optional<std::string> BrowsingDirectory;
-
 namespace {
-
-constexpr std::uint8_t kZeros[4] = {0, 0, 0, 0};
-
-iovec part(const void* data, std::size_t length) { return iovec{const_cast<void*>(data), length}; }
-
-void sendFileListItem(xcb_connection_t* connection, const FileListItemFields& fields) {
-    auto fixed = encodeFileListItemFixed(fields);
-    // Two leading slots belong to libxcb (it may prepend the BIG-REQUESTS length there).
-    iovec vector[2 + 4];
-    vector[2] = part(fixed.data(), fixed.size());
-    vector[3] = part(kZeros, 0);
-    vector[4] = part(fields.name.data(), fields.name.size());
-    vector[5] = part(kZeros, bytes::pad4(fields.name.size()));
-    static const xcb_protocol_request_t request = {4, &FileTransferExtension, kFileListItemOpcode, 1};
-    xcb_send_request(connection, 0, vector + 2, &request);
-}
 
 struct Entry {
     std::uint64_t size = 0;
@@ -67,27 +47,6 @@ bool describeEntry(const std::string& directory, const std::string& name, bool r
 }
 
 }  // namespace
-
-std::array<std::uint8_t, kListItemFixedSize> encodeFileListItemFixed(const FileListItemFields& fields) {
-    std::array<std::uint8_t, kListItemFixedSize> fixed{};
-    bytes::put32(fixed, 4, static_cast<std::uint32_t>(fields.name.size()));
-    bytes::put64(fixed, 8, fields.size);
-    bytes::put8(fixed, 16, fields.type);
-    return fixed;
-}
-
-std::vector<std::uint8_t> encodeFileListItem(std::uint8_t majorOpcode, const FileListItemFields& fields) {
-    const auto fixed = encodeFileListItemFixed(fields);
-    // Sized up front: the name is followed by zero padding to a multiple of 4.
-    std::vector<std::uint8_t> out(fixed.size() + fields.name.size() + bytes::pad4(fields.name.size()), 0);
-    std::copy(fixed.begin(), fixed.end(), out.begin());
-    std::copy(fields.name.begin(), fields.name.end(), out.begin() + static_cast<std::ptrdiff_t>(fixed.size()));
-    out[0] = majorOpcode;
-    out[1] = kFileListItemOpcode;
-    const std::size_t units = out.size() / 4;
-    bytes::put16(out, 2, units <= UINT16_MAX ? static_cast<std::uint16_t>(units) : 0);
-    return out;
-}
 
 std::string nextBrowsingDirectory(const std::optional<std::string>& current, std::string_view request,
                                   std::string_view start) {
@@ -135,21 +94,21 @@ bool decodeListDirectoryRequest(std::span<const std::uint8_t> event, ListDirecto
     return true;
 }
 
-void handleListingRequest(xcb_connection_t* connection, std::span<const std::uint8_t> event) {
+Outcome handleListingRequest(Session& session, std::span<const std::uint8_t> event) {
     logPrint(2, "Reading directory listing request.\n");
     ListDirectoryRequest decoded;
     if (!decodeListDirectoryRequest(event, decoded)) {
         logDroppedEvent(kListDirectoryRequest);
-        return;
+        return Outcome::goOn();
     }
     logPrint(3, " Got count=%d\n", decoded.length);
     const std::string request(decoded.path);
-    const std::optional<std::string> previous = BrowsingDirectory;
+    const std::optional<std::string> previous = session.browsingDirectory;
     logPrint(2, " Current browsing dir:%s\n", previous ? previous->c_str() : "");
     if (!previous || request != *previous) logPrint(2, " pDir:%s\n", request.c_str());
 
-    const std::string directory = nextBrowsingDirectory(previous, request, UserHomeDir);
-    BrowsingDirectory = directory;
+    const std::string directory = nextBrowsingDirectory(previous, request, session.userHomeDir);
+    session.browsingDirectory = directory;
     logPrint(2, " New browsing dir:%s\n", directory.c_str());
     const std::string pattern = searchPattern(directory);
 
@@ -157,13 +116,12 @@ void handleListingRequest(xcb_connection_t* connection, std::span<const std::uin
     platform::DirectoryReader reader;
     if (!reader.open(pattern.substr(0, pattern.size() - 1))) {
         const int error = platform::lastError();
-        BrowsingDirectory = previous;
-        platform::setLastError(error);
-        sendFileTransferStatus(connection, pattern, kStatusListing, true);
-        return;
+        session.browsingDirectory = previous;
+        session.wire.sendStatus(pattern, kStatusListing, true, error);
+        return Outcome::goOn();
     }
     logPrint(3, " New browsing dir:%s\n", pattern.c_str());
-    sendFileListItem(connection, {0, kItemListedDirectory, directory});
+    session.wire.sendListItem({0, kItemListedDirectory, directory});
 
     const bool root = listsRoot(directory);
     std::string name;
@@ -174,8 +132,9 @@ void handleListingRequest(xcb_connection_t* connection, std::span<const std::uin
         if (!describeEntry(directory, name, root, entry)) continue;
         const std::string itemName = entryItemName(entry.mtime, name);
         logPrint(4, " item:%.*s\n", static_cast<int>(shown.size()), shown.data());
-        sendFileListItem(connection, {entry.size, entry.type, itemName});
+        session.wire.sendListItem({entry.size, entry.type, itemName});
     }
     reader.close();
-    sendFileListItem(connection, {0, kItemEnd, {}});
+    session.wire.sendListItem({0, kItemEnd, {}});
+    return Outcome::goOn();
 }

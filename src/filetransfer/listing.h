@@ -1,47 +1,20 @@
 // Browsing of the local file system by the far side: each ListDirectoryRequest names a
 // directory (absolute, relative to the one listed last, or ".."), which becomes the browsing
 // directory and is answered with a run of FileListItem requests: the directory itself, one item
-// per visible entry, and an empty item that ends the run.
+// per visible entry, and an empty item that ends the run. The handler is in dispatch.h.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
-#include <vector>
-
-#include <xcb/xcb.h>
-
-// ---- FileListItem (minor opcode 116) ---------------------------------------------------------
-
-inline constexpr std::size_t kListItemFixedSize = 24;
-
-// Entry types of an item; files carry their class letter ('t', 'p', 'a', 'b') instead.
-inline constexpr std::uint8_t kItemEnd = 0;
-inline constexpr std::uint8_t kItemDirectory = 1;
-inline constexpr std::uint8_t kItemListedDirectory = 2;
 
 // Entry names longer than this many bytes are cut in their items.
 inline constexpr std::size_t kEntryNameMax = 259;
 
-struct FileListItemFields {
-    std::uint64_t size = 0;
-    std::uint8_t type = 0;
-    std::string_view name;
-};
-
-// The 24-byte fixed part; bytes 0..3 (opcodes, length) are left 0 for libxcb.
-std::array<std::uint8_t, kListItemFixedSize> encodeFileListItemFixed(const FileListItemFields& fields);
-// The whole request as the server receives it, with the major opcode and length filled.
-std::vector<std::uint8_t> encodeFileListItem(std::uint8_t majorOpcode, const FileListItemFields& fields);
-
 // ---- the browsing directory ------------------------------------------------------------------
-
-// The directory listed last; nullopt until the first listing succeeds.
-extern std::optional<std::string> BrowsingDirectory;
 
 // The directory a request leads to from the current browsing directory (nullopt: none yet).
 // `start` is the directory an empty request lists.
@@ -70,6 +43,3 @@ struct ListDirectoryRequest {
 // Decodes the event as libxcb delivered it. False when the event is shorter than its fixed
 // fields or its path length claims bytes it does not hold.
 bool decodeListDirectoryRequest(std::span<const std::uint8_t> event, ListDirectoryRequest& out);
-
-// Serves one ListDirectoryRequest event.
-void handleListingRequest(xcb_connection_t* connection, std::span<const std::uint8_t> event);

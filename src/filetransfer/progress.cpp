@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "app/state.h"
+#include "common/log.h"
 #include "platform/platform.h"
 
 namespace {
@@ -40,7 +40,7 @@ void draw() {
 void startProgress(const std::string& name, std::uint64_t total) {
     finishProgress();
     Line = Progress{};
-    Line.active = Verbosity >= 1 && platform::standardErrorIsTerminal();
+    Line.active = logVerbosity() >= 1 && platform::standardErrorIsTerminal();
     Line.name = name;
     Line.total = total;
 }

@@ -4,10 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include <xcb/xcb.h>
-
 inline constexpr const char* kFileTransferExtensionName = "QRV_ThinFileTransfer12";
-extern xcb_extension_t FileTransferExtension;
 
 // Requests (minor opcodes); none expects a reply.
 inline constexpr std::uint8_t kFileTransferReplyOpcode = 115;

@@ -1,73 +1,82 @@
 #include "filetransfer/session.h"
 
 #include <cstdio>
-#include <cstdlib>
-#include <memory>
 #include <string>
 
-#include <xcb/xcbext.h>
-
-#include "app/log.h"
-#include "app/state.h"
+#include "archive/dir_pack_stream.h"
+#include "archive/dir_unpack_stream.h"
 #include "archive/stream.h"
-#include "filetransfer/delete_rename.h"
+#include "archive/file_stream.h"
+#include "common/log.h"
 #include "filetransfer/environment.h"
-#include "filetransfer/framing.h"
-#include "filetransfer/listing.h"
 #include "filetransfer/progress.h"
 #include "filetransfer/protocol.h"
 #include "filetransfer/staging.h"
-#include "filetransfer/transfer.h"
-#include "filetransfer/transfer_state.h"
 #include "platform/platform.h"
 
-xcb_extension_t FileTransferExtension = {kFileTransferExtensionName, 0};
+// ---- the session object ----------------------------------------------------------------------
 
-void closeCurrentStream() {
-    if (CurrentStream) {
-        const auto* table = static_cast<mz_stream*>(CurrentStream)->vtbl;
-        if (table && table->close && table->is_open && mz_stream_is_open(CurrentStream) == MZ_OK)
-            mz_stream_close(CurrentStream);
+StreamObject::~StreamObject() {
+    if (stream_) mz_stream_delete(&stream_);
+}
+
+bool StreamObject::ensure(void* (*create)()) {
+    if (!stream_) stream_ = create();
+    return stream_ != nullptr;
+}
+
+Session::Session(Options opts, Wire& w) : options(std::move(opts)), wire(w), staging(std::make_unique<Staging>()) {}
+Session::~Session() = default;
+
+bool Session::ensureFileStream() { return fileStream.ensure(mz_stream_os_create); }
+// Both directory streams keep their defaults: every file is deflated, and the transfer's own
+// byte count drives the progress line, so neither stream gets callbacks.
+bool Session::ensurePackStream() { return packStream.ensure(createDirPackStream); }
+bool Session::ensureUnpackStream() { return unpackStream.ensure(createDirUnpackStream); }
+
+void Session::closeCurrentStream() {
+    if (current) {
+        const auto* table = static_cast<mz_stream*>(current)->vtbl;
+        if (table && table->close && table->is_open && mz_stream_is_open(current) == MZ_OK) mz_stream_close(current);
     }
-    CurrentStream = nullptr;
+    current = nullptr;
 }
 
-void endTransferProcess(xcb_connection_t* connection) {
-    xcb_flush(connection);
-    platform::removeTemporaries();  // a receive that did not complete leaves its target as it was
-    std::exit(0);
-}
+// ---- preparing a command-line run ------------------------------------------------------------
 
 namespace {
 
-[[noreturn]] void failLocal(xcb_connection_t* connection, const char* format, const std::string& path) {
+Outcome failLocal(const char* format, const std::string& path) {
     logPrint(1, format, path.c_str());
-    endTransferProcess(connection);
+    return Outcome::endRun();
 }
 
 // The overwrite question: only a lower-case 'n' refuses; anything else, end of input included,
 // accepts and remembers the path as the one the user agreed to replace.
-void askOverwrite(xcb_connection_t* connection, const char* question) {
-    logPrint(1, question, LocalPath.c_str());
+Outcome askOverwrite(Session& s, const char* question) {
+    logPrint(1, question, s.options.localPath.c_str());
     const int answer = std::getchar();
     if (answer == 'n') {
         logPrint(1, "File Transfer abort.\n");
-        endTransferProcess(connection);
+        return Outcome::endRun();
     }
-    setKeepPath(LocalPath);
+    s.setKeepPath(s.options.localPath);
+    return Outcome::goOn();
 }
 
 // -put and -open: the local file opened for reading, its size taken.
-void openLocalSource(xcb_connection_t* connection) {
-    if (!ensureFileStream() || mz_stream_open(FileStream, LocalPath.c_str(), MZ_OPEN_MODE_READ) != MZ_OK)
-        failLocal(connection, "Unable to open local file: %s.\n", LocalPath);
-    if (mz_stream_seek(FileStream, 0, MZ_SEEK_END) != MZ_OK)
-        failLocal(connection, "Unable to open local file: %s.\n", LocalPath);
-    const std::int64_t size = mz_stream_tell(FileStream);
-    if (size < 0 || mz_stream_seek(FileStream, 0, MZ_SEEK_SET) != MZ_OK)
-        failLocal(connection, "Unable to open local file: %s.\n", LocalPath);
-    LocalFileSize = static_cast<std::uint64_t>(size);
-    CurrentStream = FileStream;
+Outcome openLocalSource(Session& s) {
+    const std::string& path = s.options.localPath;
+    if (!s.ensureFileStream() || mz_stream_open(s.fileStream.get(), path.c_str(), MZ_OPEN_MODE_READ) != MZ_OK)
+        return failLocal("Unable to open local file: %s.\n", path);
+    void* stream = s.fileStream.get();
+    if (mz_stream_seek(stream, 0, MZ_SEEK_END) != MZ_OK) return failLocal("Unable to open local file: %s.\n", path);
+    const std::int64_t size = mz_stream_tell(stream);
+    if (size < 0 || mz_stream_seek(stream, 0, MZ_SEEK_SET) != MZ_OK)
+        return failLocal("Unable to open local file: %s.\n", path);
+    s.localFileSize = static_cast<std::uint64_t>(size);
+    s.current = stream;
+    return Outcome::goOn();
 }
 
 // The last component of a path, after the later of its last backslash and last slash.
@@ -76,163 +85,133 @@ std::string lastComponent(const std::string& path) {
     return cut == std::string::npos ? path : path.substr(cut + 1);
 }
 
-void announce(xcb_connection_t* connection, std::uint8_t direction, std::uint8_t objectType, std::uint8_t openFlag,
-              std::uint64_t size) {
-    startProgress(LocalPath, size);
-    FileTransferReplyFields fields;
-    fields.direction = direction;
-    fields.objectType = objectType;
-    fields.openFlag = openFlag;
-    fields.kind = kReplyCommandLineStart;
-    fields.size = size;
-    fields.a = RemotePath;
-    fields.b = LocalPath;
-    sendFileTransferReply(connection, fields);
+Outcome announce(Session& s, std::uint8_t direction, std::uint8_t objectType, std::uint8_t openFlag,
+                 std::uint64_t size) {
+    startProgress(s.options.localPath, size);
+    s.wire.sendReply(TransferHeader{direction, objectType, openFlag, kReplyCommandLineStart, size,
+                                    s.options.remotePath, s.options.localPath});
+    return Outcome::goOn();
 }
 
 // The file is received into a temporary beside the target, which it replaces only once it
 // arrived whole. A device or FIFO the user names is written directly: it holds nothing to lose.
-void prepareGet(xcb_connection_t* connection) {
+Outcome prepareGet(Session& s) {
+    const std::string& path = s.options.localPath;
     {
         platform::File existing;
-        if (existing.open(LocalPath, platform::OpenMode::Read)) {
+        if (existing.open(path, platform::OpenMode::Read)) {
             existing.close();
-            askOverwrite(connection, "Local File %s exists, overwrite it [y/n]?");
+            if (const Outcome o = askOverwrite(s, "Local File %s exists, overwrite it [y/n]?"); o.end) return o;
         }
     }
     std::string resolved;
     platform::Status st;
-    if (platform::resolveFinalLinks(LocalPath, resolved) && platform::status(resolved, st) &&
+    if (platform::resolveFinalLinks(path, resolved) && platform::status(resolved, st) &&
         st.kind == platform::Kind::Other) {
-        if (!ensureFileStream() ||
-            mz_stream_open(FileStream, LocalPath.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE) != MZ_OK)
-            failLocal(connection, "Unable to open local file for writting: %s.\n", LocalPath);
-        CurrentStream = FileStream;
+        if (!s.ensureFileStream() ||
+            mz_stream_open(s.fileStream.get(), path.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE) != MZ_OK)
+            return failLocal("Unable to open local file for writting: %s.\n", path);
+        s.current = s.fileStream.get();
     } else {
         void* stream = nullptr;
         int error = 0;
-        if (!stageFile(LocalPath, stream, error))
-            failLocal(connection, "Unable to open local file for writting: %s.\n", LocalPath);
-        CurrentStream = stream;
+        if (!s.staging->stageFile(path, stream, error))
+            return failLocal("Unable to open local file for writting: %s.\n", path);
+        s.current = stream;
     }
-    announce(connection, kDirectionFromDesktop, kObjectFile, 0, 0);
+    return announce(s, kDirectionFromDesktop, kObjectFile, 0, 0);
 }
 
-void preparePut(xcb_connection_t* connection) {
-    openLocalSource(connection);
-    announce(connection, kDirectionToDesktop, kObjectFile, 0, LocalFileSize);
+Outcome preparePut(Session& s) {
+    if (const Outcome o = openLocalSource(s); o.end) return o;
+    return announce(s, kDirectionToDesktop, kObjectFile, 0, s.localFileSize);
 }
 
-void prepareOpen(xcb_connection_t* connection) {
-    openLocalSource(connection);
-    RemotePath = lastComponent(LocalPath);
-    announce(connection, kDirectionToDesktop, kObjectOpenFile, 1, LocalFileSize);
+Outcome prepareOpen(Session& s) {
+    if (const Outcome o = openLocalSource(s); o.end) return o;
+    s.options.remotePath = lastComponent(s.options.localPath);
+    return announce(s, kDirectionToDesktop, kObjectOpenFile, 1, s.localFileSize);
 }
 
-void prepareGetDirectory(xcb_connection_t* connection) {
-    const std::size_t cut = LocalPath.find_last_of("\\/");
-    if (cut == std::string::npos) failLocal(connection, "Wrong local path: %s \n", LocalPath);
+Outcome prepareGetDirectory(Session& s) {
+    const std::string& path = s.options.localPath;
+    const std::size_t cut = path.find_last_of("\\/");
+    if (cut == std::string::npos) return failLocal("Wrong local path: %s \n", path);
     // A directory straight under the root has the root as its parent.
-    const std::string parent = cut == 0 ? LocalPath.substr(0, 1) : LocalPath.substr(0, cut);
-    if (!platform::exists(parent)) failLocal(connection, "Wrong local path: %s \n", parent);
+    const std::string parent = cut == 0 ? path.substr(0, 1) : path.substr(0, cut);
+    if (!platform::exists(parent)) return failLocal("Wrong local path: %s \n", parent);
 
-    if (platform::isDirectory(LocalPath))
-        askOverwrite(connection, "Local Directory %s exists, overwrite it [y/n]?");
+    if (platform::isDirectory(path)) {
+        if (const Outcome o = askOverwrite(s, "Local Directory %s exists, overwrite it [y/n]?"); o.end) return o;
+    }
     // The tree is unpacked into a temporary directory beside the target; it replaces the target
     // (an existing tree included) only once it arrived whole.
     std::string temporary;
     int error = 0;
-    const bool staged = stageDirectory(LocalPath, temporary, error);
+    const bool staged = s.staging->stageDirectory(path, temporary, error);
     if (!staged) {
-        logPrint(1, "Unable to create directory %s: %s (%d)\n", LocalPath.c_str(), platform::errorText(error).c_str(),
+        logPrint(1, "Unable to create directory %s: %s (%d)\n", path.c_str(), platform::errorText(error).c_str(),
                  error);
     }
-    const bool made = ensureDirUnpackStream();
+    const bool made = s.ensureUnpackStream();
     if (!staged || !made ||
-        mz_stream_open(DirUnpackStream, temporary.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE) != MZ_OK) {
+        mz_stream_open(s.unpackStream.get(), temporary.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE) != MZ_OK) {
         if (staged) error = made ? platform::lastError() : platform::outOfMemoryErrorCode();
-        mz_stream_close(DirUnpackStream);
-        discardStage();
-        platform::setLastError(error);
-        sendFileTransferStatus(connection, LocalPath, kStatusTransferTarget, true);
-        endTransferProcess(connection);
+        mz_stream_close(s.unpackStream.get());
+        s.staging->discard();
+        s.wire.sendStatus(path, kStatusTransferTarget, true, error);
+        return Outcome::endRun();
     }
-    CurrentStream = DirUnpackStream;
-    announce(connection, kDirectionFromDesktop, kObjectDirectory, 0, 0);
+    s.current = s.unpackStream.get();
+    return announce(s, kDirectionFromDesktop, kObjectDirectory, 0, 0);
 }
 
-void preparePutDirectory(xcb_connection_t* connection) {
+Outcome preparePutDirectory(Session& s) {
+    const std::string& path = s.options.localPath;
     platform::Status st;
-    if (!platform::status(LocalPath, st)) failLocal(connection, "Unable to open local directory: %s.\n", LocalPath);
-    if (st.kind != platform::Kind::Directory) failLocal(connection, "%s is not a directory: \n", LocalPath);
-    if (!ensureDirPackStream() || mz_stream_open(DirPackStream, LocalPath.c_str(), MZ_OPEN_MODE_READ) != MZ_OK)
-        failLocal(connection, "Unable to open local directory: %s.\n", LocalPath);
-    CurrentStream = DirPackStream;
-    announce(connection, kDirectionToDesktop, kObjectDirectory, 0, 0);
-}
-
-struct EventDeleter {
-    void operator()(xcb_generic_event_t* event) const { std::free(event); }
-};
-using EventPtr = std::unique_ptr<xcb_generic_event_t, EventDeleter>;
-
-void serveEvents(xcb_connection_t* connection) {
-    for (;;) {
-        xcb_flush(connection);
-        if (xcb_connection_has_error(connection)) return;
-        EventPtr event(xcb_wait_for_event(connection));
-        if (!event) return;
-        if (event->response_type != kGenericEvent) continue;
-        const auto buffer = genericEventBytes(event.get());
-        const auto header = decodeGenericEventHeader(buffer);
-        if (!header) continue;
-        if (header->extension != ExtensionInfo->major_opcode) {
-            logPrint(2, "Skipping gev->extension = %d.\n", header->extension);
-            continue;
-        }
-        logPrint(2, "gev->event_type = %d\n", header->eventType);
-        switch (header->eventType) {
-            case kDeleteFileRequest: handleDeleteRequest(connection, buffer); break;
-            case kTransferRequest: handleTransferRequest(connection, buffer); break;
-            case kListDirectoryRequest: handleListingRequest(connection, buffer); break;
-            case kRenameFileRequest: handleRenameRequest(connection, buffer); break;
-            default: break;  // not served: dropped without an answer
-        }
-    }
+    if (!platform::status(path, st)) return failLocal("Unable to open local directory: %s.\n", path);
+    if (st.kind != platform::Kind::Directory) return failLocal("%s is not a directory: \n", path);
+    if (!s.ensurePackStream() || mz_stream_open(s.packStream.get(), path.c_str(), MZ_OPEN_MODE_READ) != MZ_OK)
+        return failLocal("Unable to open local directory: %s.\n", path);
+    s.current = s.packStream.get();
+    return announce(s, kDirectionToDesktop, kObjectDirectory, 0, 0);
 }
 
 }  // namespace
 
-int runFileTransfer(xcb_connection_t* connection) {
-    if (!findExtension(connection)) {
-        logPrint(1, "X Server does not support the \"%s\" extension\n", kFileTransferExtensionName);
-        return 0;
-    }
+Outcome startRun(Session& s) {
     logPrint(2, "Sending request to Proxy/Desktop to start file transfer process.\n");
-    if (RunMode == RunModeGetDir || RunMode == RunModePutDir) UserHomeDir = commandLineHomeDirectory();
-
-    switch (RunMode) {
-        case RunModeNone: reportEnvironment(connection); break;
-        case RunModeGet: prepareGet(connection); break;
-        case RunModePut: preparePut(connection); break;
-        case RunModeOpen: prepareOpen(connection); break;
-        case RunModeGetDir: prepareGetDirectory(connection); break;
-        case RunModePutDir: preparePutDirectory(connection); break;
-        default:
-            logPrint(1, "Unsupported File Transfer mode\n");
-            endTransferProcess(connection);
+    const RunMode mode = s.options.runMode;
+    if (mode == RunMode::GetDir || mode == RunMode::PutDir) s.userHomeDir = commandLineHomeDirectory();
+    switch (mode) {
+        case RunMode::None: reportEnvironment(s); return Outcome::goOn();
+        case RunMode::Get: return prepareGet(s);
+        case RunMode::Put: return preparePut(s);
+        case RunMode::Open: return prepareOpen(s);
+        case RunMode::GetDir: return prepareGetDirectory(s);
+        case RunMode::PutDir: return preparePutDirectory(s);
     }
-    serveEvents(connection);
+    logPrint(1, "Unsupported File Transfer mode\n");
+    return Outcome::endRun();
+}
+
+int finishRun(Session& s, Outcome outcome) {
+    if (outcome.end) {
+        // What is still queued goes out; a receive that did not complete leaves its target as it was.
+        s.wire.flush();
+        platform::removeTemporaries();
+        return outcome.status;
+    }
     // The connection went. A receive in progress leaves its target as it was; on a terminal
     // (and only there) one line says so.
-    if (CurrentStream && Verbosity >= 1 && platform::standardErrorIsTerminal()) {
+    if (s.current && logVerbosity() >= 1 && platform::standardErrorIsTerminal()) {
         finishProgress();
-        const std::string line = stageActive() ? "The connection was lost: the transfer did not complete and " +
-                                                     stagedTarget() + " is unchanged.\n"
-                                               : "The connection was lost: the transfer did not complete.\n";
+        const std::string line = s.staging->active() ? "The connection was lost: the transfer did not complete and " +
+                                                           s.staging->target() + " is unchanged.\n"
+                                                     : "The connection was lost: the transfer did not complete.\n";
         platform::writeStandardError(line);
     }
-    discardStage();
+    s.staging->discard();
     platform::removeTemporaries();
-    return 1;
+    return 0;
 }

@@ -2,59 +2,9 @@
 
 #include <span>
 
-#include "archive/stream.h"
-#include "filetransfer/transfer.h"
-#include "platform/platform.h"
-
 namespace {
 
-enum class StageKind { None, File, Directory };
-
-struct Stage {
-    StageKind kind = StageKind::None;
-    std::string target;     // links resolved
-    std::string temporary;  // beside the target
-    int slot = -1;          // its entry in the platform's registry of temporaries
-    bool broken = false;
-    std::string alsoReplaces;
-};
-
-Stage Current;
-platform::TemporaryFile StagedFile;
-
-// ---- the stream a staged file is written through ---------------------------------------------
-
 std::int32_t stagedOpen(void*, const char*, std::int32_t) { return MZ_OPEN_ERROR; }
-std::int32_t stagedIsOpen(void*) { return StagedFile.isOpen() ? MZ_OK : MZ_OPEN_ERROR; }
-
-std::int32_t stagedWrite(void*, const void* buf, std::int32_t size) {
-    if (size < 0) return MZ_PARAM_ERROR;
-    const std::int64_t n = StagedFile.write(
-        std::span<const std::uint8_t>(static_cast<const std::uint8_t*>(buf), static_cast<std::size_t>(size)));
-    return n < 0 ? MZ_WRITE_ERROR : static_cast<std::int32_t>(n);
-}
-
-// The file gets the mode of a newly created one before it is closed; a close that reports a
-// delayed write failure means it did not arrive whole.
-std::int32_t stagedClose(void*) {
-    if (!StagedFile.isOpen()) return MZ_OK;
-    bool ok = StagedFile.setNewFileMode();
-    int error = ok ? 0 : platform::lastError();
-    if (!StagedFile.close() && ok) {
-        ok = false;
-        error = platform::lastError();
-    }
-    if (!ok) {
-        Current.broken = true;
-        platform::setLastError(error);
-        return MZ_CLOSE_ERROR;
-    }
-    return MZ_OK;
-}
-
-const mz_stream_vtbl StagedFileTable = {stagedOpen, stagedIsOpen, nullptr, stagedWrite, nullptr, nullptr,
-                                        stagedClose, nullptr, nullptr, nullptr, nullptr, nullptr};
-mz_stream StagedFileStream = {&StagedFileTable, nullptr};
 
 // The target as it will be replaced: links followed to the file they name.
 bool resolveTarget(const std::string& target, std::string& resolved, int& error) {
@@ -69,27 +19,60 @@ bool resolveTarget(const std::string& target, std::string& resolved, int& error)
     return true;
 }
 
+}  // namespace
+
+// ---- the stream a staged file is written through ---------------------------------------------
+
+std::int32_t Staging::streamIsOpen(void* stream) {
+    return static_cast<FileStream*>(stream)->owner->file_.isOpen() ? MZ_OK : MZ_OPEN_ERROR;
+}
+
+std::int32_t Staging::streamWrite(void* stream, const void* buf, std::int32_t size) {
+    if (size < 0) return MZ_PARAM_ERROR;
+    const std::int64_t n = static_cast<FileStream*>(stream)->owner->file_.write(
+        std::span<const std::uint8_t>(static_cast<const std::uint8_t*>(buf), static_cast<std::size_t>(size)));
+    return n < 0 ? MZ_WRITE_ERROR : static_cast<std::int32_t>(n);
+}
+
+// The file gets the mode of a newly created one before it is closed; a close that reports a
+// delayed write failure means it did not arrive whole.
+std::int32_t Staging::streamClose(void* stream) {
+    Staging& self = *static_cast<FileStream*>(stream)->owner;
+    if (!self.file_.isOpen()) return MZ_OK;
+    bool ok = self.file_.setNewFileMode();
+    int error = ok ? 0 : platform::lastError();
+    if (!self.file_.close() && ok) {
+        ok = false;
+        error = platform::lastError();
+    }
+    if (!ok) {
+        self.current_.broken = true;
+        platform::setLastError(error);
+        return MZ_CLOSE_ERROR;
+    }
+    return MZ_OK;
+}
+
+Staging::Staging() : stream_{{nullptr, nullptr}, this} {
+    static const mz_stream_vtbl table = {stagedOpen, streamIsOpen, nullptr, streamWrite, nullptr, nullptr,
+                                         streamClose, nullptr, nullptr, nullptr, nullptr, nullptr};
+    stream_.base.vtbl = &table;
+}
+
 // Registers the new temporary; called with the ending signals held back, so a signal never
 // finds a temporary that is not registered.
-bool remember(StageKind kind, const std::string& target, const std::string& temporary, int& error) {
-    const int slot = platform::registerTemporary(temporary, kind == StageKind::Directory);
+bool Staging::remember(Kind kind, const std::string& target, const std::string& temporary, int& error) {
+    const int slot = platform::registerTemporary(temporary, kind == Kind::Directory);
     if (slot < 0) {
         error = platform::nameTooLongErrorCode();
         return false;
     }
-    Current = Stage{kind, target, temporary, slot, false, {}};
+    current_ = Stage{kind, target, temporary, slot, false, {}};
     return true;
 }
 
-void forget() {
-    platform::forgetTemporary(Current.slot);
-    Current = Stage{};
-}
-
-}  // namespace
-
-bool stageFile(const std::string& target, void*& stream, int& error) {
-    discardStage();
+bool Staging::stageFile(const std::string& target, void*& stream, int& error) {
+    discard();
     std::string resolved;
     if (!resolveTarget(target, resolved, error)) return false;
     platform::Status st;
@@ -105,21 +88,21 @@ bool stageFile(const std::string& target, void*& stream, int& error) {
         }
     }
     platform::TerminationBlock block;
-    if (!StagedFile.create(platform::directoryOf(resolved))) {
+    if (!file_.create(platform::directoryOf(resolved))) {
         error = platform::lastError();
         return false;
     }
-    if (!remember(StageKind::File, resolved, StagedFile.path(), error)) {
-        platform::removeFile(StagedFile.path());
-        StagedFile.close();
+    if (!remember(Kind::File, resolved, file_.path(), error)) {
+        platform::removeFile(file_.path());
+        file_.close();
         return false;
     }
-    stream = &StagedFileStream;
+    stream = &stream_;
     return true;
 }
 
-bool stageDirectory(const std::string& target, std::string& temporary, int& error) {
-    discardStage();
+bool Staging::stageDirectory(const std::string& target, std::string& temporary, int& error) {
+    discard();
     std::string resolved;
     if (!resolveTarget(target, resolved, error)) return false;
     platform::Status st;
@@ -132,30 +115,20 @@ bool stageDirectory(const std::string& target, std::string& temporary, int& erro
         error = platform::lastError();
         return false;
     }
-    if (!remember(StageKind::Directory, resolved, temporary, error)) {
+    if (!remember(Kind::Directory, resolved, temporary, error)) {
         platform::removeDirectory(temporary);
         return false;
     }
     return true;
 }
 
-void stageAlsoReplaces(const std::string& tree) { Current.alsoReplaces = tree; }
-
-bool stageActive() { return Current.kind != StageKind::None; }
-bool isStagedFileStream(const void* stream) { return stream == &StagedFileStream; }
-void markStageBroken() { Current.broken = true; }
-bool stageBroken() { return Current.broken; }
-const std::string& stagedTarget() { return Current.target; }
-
-namespace {
-
 // A directory moves into place in one step where the system can swap two paths; otherwise
 // the old tree is renamed aside first (and back again if the new one cannot follow).
-bool replaceDirectory(const std::string& temporary, const std::string& target, std::string& old, int& error) {
+bool Staging::replaceDirectory(const std::string& temporary, const std::string& target, std::string& old, int& error) {
     platform::Status st;
     if (!platform::linkStatus(target, st)) {
         if (platform::replacePath(temporary, target)) {
-            platform::forgetTemporary(Current.slot);
+            platform::forgetTemporary(current_.slot);
             return true;
         }
         error = platform::lastError();
@@ -179,47 +152,46 @@ bool replaceDirectory(const std::string& temporary, const std::string& target, s
         old.clear();
         return false;
     }
-    platform::forgetTemporary(Current.slot);
+    platform::forgetTemporary(current_.slot);
     return true;
 }
 
-}  // namespace
-
-bool commitStage(int& error) {
-    if (Current.kind == StageKind::None) return true;
-    if (Current.broken) {
-        discardStage();
+bool Staging::commit(int& error) {
+    if (current_.kind == Kind::None) return true;
+    if (current_.broken) {
+        discard();
         return false;
     }
     bool moved = false;
     std::string old;
     {
         platform::TerminationBlock block;
-        if (Current.kind == StageKind::File) {
-            moved = platform::replacePath(Current.temporary, Current.target);
-            if (moved) platform::forgetTemporary(Current.slot);
+        if (current_.kind == Kind::File) {
+            moved = platform::replacePath(current_.temporary, current_.target);
+            if (moved) platform::forgetTemporary(current_.slot);
             else error = platform::lastError();
         } else {
-            platform::setNewDirectoryMode(Current.temporary);
-            moved = replaceDirectory(Current.temporary, Current.target, old, error);
+            platform::setNewDirectoryMode(current_.temporary);
+            moved = replaceDirectory(current_.temporary, current_.target, old, error);
         }
     }
     if (!moved) {
-        discardStage();
+        discard();
         return false;
     }
     // The replaced tree goes only now that its replacement is in place.
-    if (!old.empty()) removeDirectoryTree(old);
-    if (!Current.alsoReplaces.empty() && Current.alsoReplaces != Current.target)
-        removeDirectoryTree(Current.alsoReplaces);
+    if (!old.empty()) platform::removeDirectoryTree(old);
+    if (!current_.alsoReplaces.empty() && current_.alsoReplaces != current_.target)
+        platform::removeDirectoryTree(current_.alsoReplaces);
     platform::removeTemporaries();  // whatever the removal left registered
-    forget();
+    platform::forgetTemporary(current_.slot);
+    current_ = Stage{};
     return true;
 }
 
-void discardStage() {
-    if (Current.kind == StageKind::None) return;
-    StagedFile.close();
+void Staging::discard() {
+    if (current_.kind == Kind::None) return;
+    file_.close();
     platform::removeTemporaries();
-    Current = Stage{};
+    current_ = Stage{};
 }

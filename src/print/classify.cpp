@@ -64,30 +64,30 @@ bool looksUtf8(std::span<const std::uint8_t> data) {
 }
 
 // Text that begins with "%!" is PostScript; "EPSF" as its second word makes it EPS.
-int textKind(std::span<const std::uint8_t> data) {
-    if (!startsWith(data, "%!")) return PrintContentText;
+PrintContent textKind(std::span<const std::uint8_t> data) {
+    if (!startsWith(data, "%!")) return PrintContent::Text;
     std::size_t i = 0;
     while (i < data.size() && !isSpace(data[i])) ++i;
     while (i < data.size() && isSpace(data[i])) ++i;
-    if (data.size() - i < 4) return PrintContentPostScript;
-    return startsWith(data.subspan(i), "EPSF") ? PrintContentEps : PrintContentPostScript;
+    if (data.size() - i < 4) return PrintContent::PostScript;
+    return startsWith(data.subspan(i), "EPSF") ? PrintContent::Eps : PrintContent::PostScript;
 }
 
 }  // namespace
 
-int classifyBuffer(std::span<const std::uint8_t> data) {
+PrintContent classifyBuffer(std::span<const std::uint8_t> data) {
     if (looksAscii(data) || looksUtf8(data)) return textKind(data);
-    if (startsWith(data, "%PDF-")) return PrintContentPdf;
-    if (startsWith(data, "GIF87a") || startsWith(data, "GIF89a")) return PrintContentGif;
-    return PrintContentBinary;
+    if (startsWith(data, "%PDF-")) return PrintContent::Pdf;
+    if (startsWith(data, "GIF87a") || startsWith(data, "GIF89a")) return PrintContent::Gif;
+    return PrintContent::Binary;
 }
 
-char printTypeLetter(int content) {
+char printTypeLetter(PrintContent content) {
     switch (content) {
-        case PrintContentText: return 't';
-        case PrintContentPostScript:
-        case PrintContentEps: return 'p';
-        case PrintContentPdf: return 'a';
+        case PrintContent::Text: return 't';
+        case PrintContent::PostScript:
+        case PrintContent::Eps: return 'p';
+        case PrintContent::Pdf: return 'a';
         default: return 'b';
     }
 }

@@ -6,13 +6,10 @@
 #include <new>
 #include <span>
 
-#include "app/log.h"
-#include "app/state.h"
+#include "common/log.h"
 #include "platform/platform.h"
 #include "print/classify.h"
 #include "print/requests.h"
-
-xcb_extension_t ThinPrintExtension = {kThinPrintExtensionName, 0};
 
 namespace {
 
@@ -103,6 +100,7 @@ int sendPrintFile(xcb_connection_t* connection, const char* path, std::uint32_t&
 }
 
 void runPrintLoop(xcb_connection_t* connection, const std::vector<std::string>& files) {
+    std::uint32_t moreFilesAccepted = 1;  // cleared when the far side will take no more files
     for (const std::string& file : files) {
         const char* path = file.c_str();
         logPrint(2, "Sending file %s\n", path);
@@ -124,12 +122,12 @@ void runPrintLoop(xcb_connection_t* connection, const std::vector<std::string>& 
             logPrint(1, "\"%s\" is not a plain text or Postscript file and cannot be printed.\n", path);
             continue;
         }
-        if (sendPrintFile(connection, path, MoreFilesAccepted, nullptr, nullptr)) {
+        if (sendPrintFile(connection, path, moreFilesAccepted, nullptr, nullptr)) {
             logPrint(2, "File successfully sent\n");
             continue;
         }
         logPrint(1, "Error while sending file \"%s\"\n", path);
-        if (MoreFilesAccepted == 0) {
+        if (moreFilesAccepted == 0) {
             logPrint(1, "X Server will not accept more files\n");
             break;
         }

@@ -9,9 +9,7 @@
 
 #include <xcb/xcb.h>
 
-// The print extension's descriptor (libxcb fills in its id).
-extern xcb_extension_t ThinPrintExtension;
-inline constexpr const char* kThinPrintExtensionName = "QRV_ThinPrint12";
+#include "print/requests.h"
 
 // Bytes of a file carried by one request.
 inline constexpr std::size_t kPrintChunkSize = 60000;

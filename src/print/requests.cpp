@@ -7,9 +7,10 @@
 #include <cstring>
 #include <memory>
 
-#include "app/log.h"
+#include "common/log.h"
 #include "common/bytes.h"
-#include "print/print_loop.h"
+
+xcb_extension_t ThinPrintExtension = {kThinPrintExtensionName, 0};
 
 namespace {
 

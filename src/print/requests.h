@@ -13,6 +13,10 @@
 
 #include <xcb/xcb.h>
 
+// The print extension's descriptor (libxcb fills in its id).
+extern xcb_extension_t ThinPrintExtension;
+inline constexpr const char* kThinPrintExtensionName = "QRV_ThinPrint12";
+
 inline constexpr std::uint8_t kFileBeginOpcode = 1;
 inline constexpr std::uint8_t kFileContinueOpcode = 2;
 inline constexpr std::size_t kPrintRequestFixedSize = 12;

@@ -4,7 +4,6 @@
 #include <filesystem>
 
 #include "app/cli.h"
-#include "app/state.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -26,175 +25,106 @@ struct Args {
     char** argv() { return ptrs.data(); }
 };
 
-struct TransferParse {
-    bool ok = false;
-    std::optional<std::string> display;
-    std::int32_t verbosity = -7;
-};
-
-TransferParse parseTransfer(std::vector<std::string> list) {
-    RunMode = -1;
-    LocalPath = "stale";
-    RemotePath = "stale";
+Options parsed;
+ParseResult transfer(std::vector<std::string> list) {
     Args a(std::move(list));
-    TransferParse r;
-    r.ok = parseTransferOptions(a.argc(), a.argv(), &r.display, &r.verbosity);
-    return r;
+    return parseTransferOptions(a.argc(), a.argv(), parsed);
 }
 
-TEST(TransferGrammar, PutAndPutdTakeAnOptionalRemoteName) {
-    auto r = parseTransfer({"-put", "a.txt", "-v"});
-    ASSERT_TRUE(r.ok);
-    EXPECT_EQ(RunMode, RunModePut);
-    EXPECT_EQ(LocalPath, "a.txt");
-    EXPECT_EQ(RemotePath, "?");
-    EXPECT_EQ(r.verbosity, 2) << "the option after the local path is parsed as an option";
+constexpr auto Ok = ParseResult::Run;
+constexpr auto Usage = ParseResult::Usage;
 
-    r = parseTransfer({"-put", "a.txt", "b.txt"});
-    ASSERT_TRUE(r.ok);
-    EXPECT_EQ(RemotePath, "b.txt");
-
-    r = parseTransfer({"-putd", "dir"});
-    ASSERT_TRUE(r.ok);
-    EXPECT_EQ(RunMode, RunModePutDir);
-    EXPECT_EQ(RemotePath, "?");
-
-    // A remote name is anything that does not begin with '-', even an empty argument.
-    r = parseTransfer({"-put", "a.txt", ""});
-    ASSERT_TRUE(r.ok);
-    EXPECT_EQ(RemotePath, "");
-}
-
-TEST(TransferGrammar, GetFormsNeedBothPaths) {
-    auto r = parseTransfer({"-get", "remote.pdf", "local.pdf"});
-    ASSERT_TRUE(r.ok);
-    EXPECT_EQ(RunMode, RunModeGet);
-    EXPECT_EQ(RemotePath, "remote.pdf");
-    EXPECT_EQ(LocalPath, "local.pdf");
-
-    r = parseTransfer({"-getd", "R", "L"});
-    ASSERT_TRUE(r.ok);
-    EXPECT_EQ(RunMode, RunModeGetDir);
-
-    EXPECT_FALSE(parseTransfer({"-get", "onlyone"}).ok);
-    EXPECT_FALSE(parseTransfer({"-getd"}).ok);
-    EXPECT_FALSE(parseTransfer({"-put"}).ok);
-    EXPECT_FALSE(parseTransfer({"-open"}).ok);
-}
-
-TEST(TransferGrammar, LastTransferOptionWins) {
-    auto r = parseTransfer({"-get", "r", "l", "-open", "doc.txt"});
-    ASSERT_TRUE(r.ok);
-    EXPECT_EQ(RunMode, RunModeOpen);
-    EXPECT_EQ(LocalPath, "doc.txt");
-}
-
-TEST(TransferGrammar, DisplayAndVerbosity) {
-    auto r = parseTransfer({"-d", ":3", "-display", ":4", "-vvv", "-q"});
-    ASSERT_TRUE(r.ok);
-    EXPECT_EQ(r.display, ":4");
-    EXPECT_EQ(r.verbosity, 0);
-    EXPECT_EQ(RunMode, RunModeNone);
-
-    r = parseTransfer({"-vv"});
-    EXPECT_EQ(r.verbosity, 3);
-    r = parseTransfer({"-vvv"});
-    EXPECT_EQ(r.verbosity, 4);
-    r = parseTransfer({});
-    ASSERT_TRUE(r.ok);
-    EXPECT_EQ(r.verbosity, 1);
-    EXPECT_FALSE(r.display);
-
-    EXPECT_FALSE(parseTransfer({"-display"}).ok);
-}
-
-TEST(TransferGrammar, RejectsUnknownWordsButKeepsVerbositySoFar) {
-    auto r = parseTransfer({"-vv", "-zzz"});
-    EXPECT_FALSE(r.ok);
-    EXPECT_EQ(r.verbosity, 3);
-    EXPECT_FALSE(parseTransfer({"plain"}).ok);
-    EXPECT_FALSE(parseTransfer({"-n", "3"}).ok) << "-n belongs to print mode only";
-    EXPECT_FALSE(parseTransfer({"--"}).ok);
-}
-
-TEST(TransferGrammar, NullInputsFail) {
-    std::optional<std::string> display;
-    std::int32_t verbosity = 0;
-    EXPECT_FALSE(parseTransferOptions(1, nullptr, &display, &verbosity));
-    Args a({});
-    EXPECT_FALSE(parseTransferOptions(a.argc(), a.argv(), nullptr, &verbosity));
-    EXPECT_FALSE(parseTransferOptions(a.argc(), a.argv(), &display, nullptr));
+TEST(TransferGrammar, ModesPathsAndOptions) {
+    struct Case {
+        std::vector<std::string> args;
+        ParseResult result;
+        RunMode mode;
+        std::string local, remote;
+        std::int32_t verbosity;
+    };
+    const Case cases[] = {
+        {{}, Ok, RunMode::None, "", "", 1},
+        {{"-put", "a.txt", "-v"}, Ok, RunMode::Put, "a.txt", "?", 2},  // what follows is an option
+        {{"-put", "a.txt", "b.txt"}, Ok, RunMode::Put, "a.txt", "b.txt", 1},
+        {{"-put", "a.txt", ""}, Ok, RunMode::Put, "a.txt", "", 1},      // an empty remote name is a name
+        {{"-putd", "dir"}, Ok, RunMode::PutDir, "dir", "?", 1},
+        {{"-get", "remote.pdf", "local.pdf"}, Ok, RunMode::Get, "local.pdf", "remote.pdf", 1},
+        {{"-getd", "R", "L", "-vv"}, Ok, RunMode::GetDir, "L", "R", 3},
+        {{"-get", "r", "l", "-open", "doc.txt"}, Ok, RunMode::Open, "doc.txt", "r", 1},  // the last one wins
+        {{"-d", ":3", "-vvv", "-q"}, Ok, RunMode::None, "", "", 0},
+        {{"-vvv"}, Ok, RunMode::None, "", "", 4},
+        {{"-vv", "-zzz"}, Usage, RunMode::None, "", "", 3},  // the verbosity so far is kept
+        {{"-get", "onlyone"}, Usage, RunMode::None, "", "", 1},
+        {{"-getd"}, Usage, RunMode::None, "", "", 1},
+        {{"-put"}, Usage, RunMode::None, "", "", 1},
+        {{"-open"}, Usage, RunMode::None, "", "", 1},
+        {{"-display"}, Usage, RunMode::None, "", "", 1},
+        {{"plain"}, Usage, RunMode::None, "", "", 1},
+        {{"-n", "3"}, Usage, RunMode::None, "", "", 1},  // print mode only
+        {{"--"}, Usage, RunMode::None, "", "", 1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.args));
+        EXPECT_EQ(transfer(c.args), c.result);
+        EXPECT_EQ(parsed.runMode, c.mode);
+        EXPECT_EQ(parsed.localPath, c.local);
+        EXPECT_EQ(parsed.remotePath, c.remote);
+        EXPECT_EQ(parsed.verbosity, c.verbosity);
+    }
+    EXPECT_EQ(transfer({"-d", ":3", "-display", ":4", "-l"}), Ok);
+    EXPECT_EQ(parsed.display, ":4");
+    EXPECT_TRUE(parsed.logFile);
+    EXPECT_EQ(transfer({"-l", "--version", "-zzz"}), ParseResult::Version);  // nothing after it is read
+    EXPECT_TRUE(parsed.logFile);
+    EXPECT_EQ(parseTransferOptions(1, nullptr, parsed), Usage);
 }
 
 class PrintGrammar : public ::testing::Test {
 protected:
     void SetUp() override {
         std::filesystem::create_directory(dir / "docs");
-        writeFile(dir / "docs" / "b.txt", "b");
-        writeFile(dir / "docs" / "a.txt", "a");
-        writeFile(dir / "docs" / ".hidden.txt", "h");
-        writeFile(dir / "docs" / "c.pdf", "c");
-        writeFile(dir / "single", "s");
+        for (const char* name : {"docs/b.txt", "docs/a.txt", "docs/.hidden.txt", "docs/c.pdf", "single"})
+            writeFile(dir / name, "x");
     }
-
-    bool parse(std::vector<std::string> list) {
-        files.clear();
+    ParseResult parse(std::vector<std::string> list) {
         Args a(std::move(list));
-        return parsePrintOptions(a.argc(), a.argv(), &display, &verbosity, &files);
+        return parsePrintOptions(a.argc(), a.argv(), options);
     }
-
     std::string path(const std::string& rel) const { return (dir / rel).string(); }
+    std::vector<std::string> paths(std::initializer_list<const char*> rel) const {
+        std::vector<std::string> out;
+        for (const char* r : rel) out.push_back(path(r));
+        return out;
+    }
 
     TempDir dir;
-    std::optional<std::string> display;
-    std::int32_t verbosity = -7;
-    std::vector<std::string> files;
+    Options options;
 };
 
-TEST_F(PrintGrammar, WildcardsExpandInByteOrderWithTheirPrefix) {
-    ASSERT_TRUE(parse({"-print", path("docs/*.txt")}));
-    // fnmatch without flags: '*' matches a leading dot as well.
-    EXPECT_EQ(files, (std::vector<std::string>{path("docs/.hidden.txt"), path("docs/a.txt"), path("docs/b.txt")}));
+TEST_F(PrintGrammar, FilesOptionsAndErrors) {
+    // fnmatch without flags: '*' matches a leading dot as well; matches come in byte order.
+    EXPECT_EQ(parse({"-print", path("docs/*.txt")}), Ok);
+    EXPECT_EQ(options.printFiles, paths({"docs/.hidden.txt", "docs/a.txt", "docs/b.txt"}));
+    EXPECT_EQ(parse({path("single"), "-print", "-d", ":5", "-n", "12", "-vv", path("docs/c.*")}), Ok);
+    EXPECT_EQ(options.printFiles, paths({"single", "docs/c.pdf"}));
+    EXPECT_EQ(options.display, ":5");
+    EXPECT_EQ(options.verbosity, 3);
 
-    ASSERT_TRUE(parse({path("single"), "-print", path("docs/c.*")}));
-    EXPECT_EQ(files, (std::vector<std::string>{path("single"), path("docs/c.pdf")}));
-}
-
-TEST_F(PrintGrammar, UnmatchedArgumentsAreDroppedAndParsingGoesOn) {
+    // Unmatched arguments are reported and dropped; after "--" everything but -print is a file.
     ::testing::internal::CaptureStderr();
-    ASSERT_TRUE(parse({"-print", path("docs/*.doc"), path("single")}));
-    const std::string err = ::testing::internal::GetCapturedStderr();
-    EXPECT_EQ(err, "\"" + path("docs/*.doc") + "\" file not found\n");
-    EXPECT_EQ(files, std::vector<std::string>{path("single")});
-}
+    EXPECT_EQ(parse({"-print", path("docs/*.doc"), "-q", "--", "-print", "-display", "--version", path("single")}), Ok);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "\"" + path("docs/*.doc") +
+                                                             "\" file not found\n\"-display\" file not found\n"
+                                                             "\"--version\" file not found\n");
+    EXPECT_EQ(options.printFiles, paths({"single"}));
+    EXPECT_EQ(options.verbosity, 0);
+    EXPECT_FALSE(options.display);
 
-TEST_F(PrintGrammar, DoubleDashMakesEverythingAFileExceptPrint) {
-    ::testing::internal::CaptureStderr();
-    ASSERT_TRUE(parse({"-print", "-q", "--", "-print", "-q", "--version", path("single")}));
-    const std::string err = ::testing::internal::GetCapturedStderr();
-    EXPECT_EQ(verbosity, 0);
-    EXPECT_EQ(files, std::vector<std::string>{path("single")});
-    EXPECT_NE(err.find("\"-q\" file not found\n"), std::string::npos);
-    EXPECT_NE(err.find("\"--version\" file not found\n"), std::string::npos);
-    EXPECT_EQ(err.find("\"-print\""), std::string::npos);
-}
-
-TEST_F(PrintGrammar, OptionsAndErrors) {
-    ASSERT_TRUE(parse({"-print", "-d", ":5", "-n", "12", "-vv", path("single")}));
-    EXPECT_EQ(display, ":5");
-    EXPECT_EQ(verbosity, 3);
-    EXPECT_EQ(files.size(), 1u);
-
-    EXPECT_FALSE(parse({"-print", "-l", path("single")})) << "-l is a transfer option";
-    EXPECT_FALSE(parse({"-print", "-get", "a", "b"}));
-    EXPECT_FALSE(parse({"-print", "-x"}));
-    EXPECT_FALSE(parse({"-print", "-n"}));
-    EXPECT_FALSE(parse({"-print", "-display"}));
-    // After "--" the display option is a file name like any other.
-    ::testing::internal::CaptureStderr();
-    EXPECT_TRUE(parse({"-print", "--", "-display"}));
-    ::testing::internal::GetCapturedStderr();
-    EXPECT_FALSE(display);
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {"-print", "-l", path("single")}, {"-print", "-get", "a", "b"}, {"-print", "-x"}, {"-print", "-n"},
+             {"-print", "-display"}})
+        EXPECT_EQ(parse(args), Usage) << testing::PrintToString(args);
+    EXPECT_EQ(parse({"-print", "--version", "-x"}), ParseResult::Version);
 }
 
 TEST_F(PrintGrammar, LongArgumentsAreCutAt255Characters) {
@@ -202,14 +132,12 @@ TEST_F(PrintGrammar, LongArgumentsAreCutAt255Characters) {
     const std::string prefix = dir.str() + "/";
     const std::string name(255 - prefix.size(), 'n');
     writeFile(prefix + name, "x");
-    std::string arg = prefix + name + "-this-part-is-cut";
-    ASSERT_TRUE(parse({"-print", arg}));
-    EXPECT_EQ(files, std::vector<std::string>{prefix + name});
+    EXPECT_EQ(parse({"-print", prefix + name + "-this-part-is-cut"}), Ok);
+    EXPECT_EQ(options.printFiles, std::vector<std::string>{prefix + name});
 }
 
 TEST(ProgramName, IsTheTextAfterTheLastSeparator) {
     EXPECT_EQ(programBaseName("/usr/local/bin/varoft"), "varoft");
-    EXPECT_EQ(programBaseName("varoft"), "varoft");
     EXPECT_EQ(programBaseName("./tools/"), "");
     EXPECT_EQ(programBaseName(nullptr), "varoft");
 }

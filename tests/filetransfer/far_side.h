@@ -28,10 +28,7 @@ using namespace std::chrono_literals;
 struct Reply : loopback::TransferReply {
     std::size_t wireSize = 0;
 };
-struct Status : loopback::TransferStatus {
-    std::uint16_t reserved = 0;
-    std::size_t wireSize = 0;
-};
+using Status = loopback::TransferStatus;
 using Event = loopback::TransferEvent;
 
 // Every field of a reply but block C, for exact comparisons.
@@ -44,11 +41,8 @@ Event echo(const Reply& r, std::uint8_t kind);
 Bytes bytesOf(std::string_view s);
 // A deterministic pseudo-random block.
 Bytes pattern(std::size_t size, std::uint32_t seed = 1);
-// Environment that keeps varoft's report predictable and away from the tester's settings.
-Env quietEnvironment();
 // Expects a run that ended with exit status 0 and standard error ending in `tail`.
 void expectEnd(const testsupport::RunResult& result, const std::string& tail);
-bool endsWith(const std::string& text, const std::string& tail);
 bool contains(const std::string& text, const std::string& part);
 
 class FarSide {

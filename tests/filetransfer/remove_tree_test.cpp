@@ -4,7 +4,7 @@
 
 #include <filesystem>
 
-#include "filetransfer/transfer.h"
+#include "platform/platform.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -24,13 +24,13 @@ TEST(RemoveDirectoryTree, RemovesEverythingInsideButFollowsNoLink) {
     fs::create_symlink(outside / "keep.txt", root / "link-to-file");
     fs::create_symlink(dir / "nowhere", root / "dangling");
     fs::create_directory_symlink(outside, dir / "top-link");
-    EXPECT_EQ(removeDirectoryTree((dir / "top-link").string()), 0);  // a link as the tree is not entered
-    EXPECT_NE(removeDirectoryTree(root.string()), 0);
+    EXPECT_EQ(platform::removeDirectoryTree((dir / "top-link").string()), 0);  // a link as the tree is not entered
+    EXPECT_NE(platform::removeDirectoryTree(root.string()), 0);
     EXPECT_FALSE(fs::exists(root));
     EXPECT_EQ(testsupport::readFile(outside / "keep.txt"), "keep");
     EXPECT_TRUE(fs::is_directory(outside / "inner"));
     for (const std::string& path : {std::string(), std::string("/"), std::string("//"), (outside / "keep.txt").string(), (dir / "missing").string()})
-        EXPECT_EQ(removeDirectoryTree(path), 0) << path;
+        EXPECT_EQ(platform::removeDirectoryTree(path), 0) << path;
     EXPECT_TRUE(fs::exists(outside / "keep.txt"));
 }
 

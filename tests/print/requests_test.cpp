@@ -1,14 +1,18 @@
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <tuple>
 #include <utility>
 #include <string>
 #include <vector>
 
-#include "app/state.h"
+#include "common/log.h"
 #include "print/print_loop.h"
 #include "print/requests.h"
+#include "support/temp_dir.h"
 
 namespace {
 
@@ -59,7 +63,8 @@ TEST(PrintReplyDecoding, FieldsAndAReasonBoundedByTheReply) {
 }
 
 TEST(PrintMessages, XErrorsAndFailuresWithoutAServer) {
-    const std::int32_t savedVerbosity = std::exchange(Verbosity, 2);
+    const std::int32_t savedVerbosity = logVerbosity();
+    setLogVerbosity(2);
     xcb_generic_error_t error{};
     error.sequence = 7;
     error.resource_id = 0x00400001;
@@ -85,14 +90,14 @@ TEST(PrintMessages, XErrorsAndFailuresWithoutAServer) {
               "Error receiving File Begin reply\nError receiving File Continue reply\n");
     EXPECT_EQ(more, 1u);
     // The sender's own failures come before any request.
-    Verbosity = 3;
+    setLogVerbosity(3);
     testing::internal::CaptureStderr();
     EXPECT_EQ(sendPrintFile(connection, "docs/", more, nullptr, nullptr), 0);
     EXPECT_EQ(sendPrintFile(connection, "/nonexistent/dir/a.txt", more, nullptr, nullptr), 0);
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "Using filename: a.txt\nfopened /nonexistent/dir/a.txt\nCould not open file: \"a.txt\"\n");
     xcb_disconnect(connection);
-    Verbosity = savedVerbosity;
+    setLogVerbosity(savedVerbosity);
 }
 
 TEST(PrintNames, BaseNamesAndStandardInputNames) {
@@ -104,6 +109,27 @@ TEST(PrintNames, BaseNamesAndStandardInputNames) {
     EXPECT_EQ(standardInputPrintName(".txt", nullptr, 1, 2), "stdin12.txt");
     EXPECT_EQ(standardInputPrintName(".ps", "job", 1, 2), "job.ps");
     EXPECT_EQ(standardInputPrintName(nullptr, "job", 1, 2), "job");
+}
+
+// Each file is looked at afresh before it is sent; what cannot be printed is skipped in order
+// without a request (so no connection is needed).
+TEST(PrintLoop, RefusedNamesAreSkippedInOrder) {
+    testsupport::TempDir dir;
+    const std::string directory = dir.str(), dangling = (dir / "dangling.txt").string(), fifo = (dir / "pipe").string();
+    ASSERT_EQ(::symlink((dir / "gone.txt").c_str(), dangling.c_str()), 0);
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    const std::string binary = (dir / "image.gif").string();
+    testsupport::writeFile(binary, std::string("GIF89a\x01\x00\x01\x00\x00\x00", 12));
+    const std::int32_t saved = logVerbosity();
+    setLogVerbosity(2);
+    testing::internal::CaptureStderr();
+    runPrintLoop(nullptr, {directory, dangling, fifo, binary});
+    setLogVerbosity(saved);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Sending file " + directory + "\n\"" + directory + "\" is a directory, cannot send.\nSending file " +
+                  dangling + "\n\"" + dangling + "\" file not found\nSending file " + fifo + "\n\"" + fifo +
+                  "\" is not a regular file, cannot send\nSending file " + binary + "\n\"" + binary +
+                  "\" is not a plain text or Postscript file and cannot be printed.\n");
 }
 
 }  // namespace

@@ -76,6 +76,8 @@ RunningProcess::RunningProcess(const std::string& program, const RunOptions& opt
     setNonBlocking(outFd_);
     setNonBlocking(errFd_);
     if (options.input) {
+        // A child that ends without reading its input must not take the test down with SIGPIPE.
+        std::signal(SIGPIPE, SIG_IGN);
         ::close(in[0]);
         inFd_ = in[1];
         input_ = *options.input;

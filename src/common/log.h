@@ -1,9 +1,15 @@
-// The program's one output channel.
+// The program's one output channel, its threshold and the copy -l keeps in a file.
 #pragma once
+
+#include <cstdint>
 
 // Level 0 is always shown; 1 banner, usage and errors; 2 progress (-v); 3 detail (-vv);
 // 4 request traces (-vvv). The format carries its own newline.
 void logPrint(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// The threshold: messages above it are dropped. 0 until the driver sets it.
+void setLogVerbosity(std::int32_t verbosity);
+std::int32_t logVerbosity();
 
 // The fixed place of the log file that -l turns on.
 inline constexpr const char* kLogFileLocation = "/tmp/varoft.log";

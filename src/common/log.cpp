@@ -1,11 +1,20 @@
-#include "app/log.h"
+#include "common/log.h"
 
 #include <cstdarg>
 #include <cstdio>
 #include <string>
 
-#include "app/state.h"
 #include "platform/platform.h"
+
+namespace {
+
+std::int32_t Verbosity = 0;
+std::string LogFilePath;  // empty: no log file
+
+}  // namespace
+
+void setLogVerbosity(std::int32_t verbosity) { Verbosity = verbosity; }
+std::int32_t logVerbosity() { return Verbosity; }
 
 void logPrint(int level, const char* format, ...) {
     if (level > Verbosity) return;

@@ -1,0 +1,13 @@
+# Fails when a source of the program names a header by a path that leaves its directory.
+file(GLOB_RECURSE sources ${SOURCE_DIR}/*.h ${SOURCE_DIR}/*.cpp)
+set(bad "")
+foreach(source ${sources})
+  file(STRINGS ${source} lines REGEX "^[ \t]*#[ \t]*include[ \t]*\"[^\"]*\\.\\.")
+  if(lines)
+    list(APPEND bad "${source}: ${lines}")
+  endif()
+endforeach()
+if(bad)
+  list(JOIN bad "\n" text)
+  message(FATAL_ERROR "an include leaves its layer's directory:\n${text}")
+endif()

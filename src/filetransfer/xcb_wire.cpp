@@ -1,0 +1,105 @@
+#include "filetransfer/xcb_wire.h"
+
+#include <cstdlib>
+#include <memory>
+
+#include <xcb/xcbext.h>
+
+#include "common/bytes.h"
+#include "common/log.h"
+#include "filetransfer/dispatch.h"
+#include "filetransfer/protocol.h"
+#include "filetransfer/session.h"
+
+namespace {
+
+// The extension's descriptor: libxcb keeps what it learns about it here, for the whole process.
+xcb_extension_t FileTransferExtension = {kFileTransferExtensionName, 0};
+
+constexpr std::uint8_t kZeros[4] = {0, 0, 0, 0};
+
+// One part of a request vector (struct iovec comes with libxcb's header).
+iovec part(const void* data, std::size_t length) { return iovec{const_cast<void*>(data), length}; }
+
+// The whole buffer of a generic event that libxcb handed over (its real size follows from the
+// length field, which libxcb itself used to read the event).
+std::span<const std::uint8_t> genericEventBytes(const xcb_generic_event_t* event) {
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(event);
+    const auto header = decodeGenericEventHeader(std::span<const std::uint8_t>(bytes, 32));
+    return {bytes, genericEventBufferSize(header ? header->length : 0)};
+}
+
+struct EventDeleter {
+    void operator()(xcb_generic_event_t* event) const { std::free(event); }
+};
+using EventPtr = std::unique_ptr<xcb_generic_event_t, EventDeleter>;
+
+// Flushes, waits for the next event, hands generic events to the dispatch. Returns when the
+// connection goes (go on: the run did not end itself) or a handler ends the run.
+Outcome serveEvents(xcb_connection_t* connection, Session& session, std::uint8_t extension) {
+    for (;;) {
+        session.wire.flush();
+        if (xcb_connection_has_error(connection)) return Outcome::goOn();
+        EventPtr event(xcb_wait_for_event(connection));
+        if (!event) return Outcome::goOn();
+        if (event->response_type != kGenericEvent) continue;
+        const Outcome outcome = dispatchEvent(session, extension, genericEventBytes(event.get()));
+        if (outcome.end) return outcome;
+    }
+}
+
+}  // namespace
+
+// Two leading slots of every vector belong to libxcb (it may prepend the BIG-REQUESTS length).
+
+void XcbWire::writeReply(const TransferHeader& header, std::span<const std::uint8_t> data) {
+    const ReplyParts parts = replyParts(header, data);
+    auto fixed = encodeFileTransferReplyFixed(header, data);
+    iovec vector[2 + 6];
+    vector[2] = part(fixed.data(), fixed.size());
+    vector[3] = part(kZeros, 0);
+    vector[4] = part(parts.a.data(), parts.a.size());
+    vector[5] = part(parts.b.data(), parts.b.size());
+    vector[6] = part(parts.c.data(), parts.c.size());
+    vector[7] = part(kZeros, parts.padding);
+    static const xcb_protocol_request_t request = {6, &FileTransferExtension, kFileTransferReplyOpcode, 1};
+    xcb_send_request(connection_, 0, vector + 2, &request);
+}
+
+void XcbWire::writeStatus(std::string_view path, std::uint8_t requestKind, bool failed, std::string_view errorText) {
+    auto fixed = encodeFileTransferStatusFixed(requestKind, failed, static_cast<std::uint32_t>(path.size()),
+                                               static_cast<std::uint32_t>(errorText.size()));
+    iovec vector[2 + 5];
+    vector[2] = part(fixed.data(), fixed.size());
+    vector[3] = part(kZeros, 0);
+    vector[4] = part(path.data(), path.size());
+    vector[5] = part(errorText.data(), errorText.size());
+    vector[6] = part(kZeros, bytes::pad4(path.size() + errorText.size()));
+    static const xcb_protocol_request_t request = {5, &FileTransferExtension, kFileTransferStatusOpcode, 1};
+    xcb_send_request(connection_, 0, vector + 2, &request);
+}
+
+void XcbWire::writeListItem(const FileListItemFields& item) {
+    auto fixed = encodeFileListItemFixed(item);
+    iovec vector[2 + 4];
+    vector[2] = part(fixed.data(), fixed.size());
+    vector[3] = part(kZeros, 0);
+    vector[4] = part(item.name.data(), item.name.size());
+    vector[5] = part(kZeros, bytes::pad4(item.name.size()));
+    static const xcb_protocol_request_t request = {4, &FileTransferExtension, kFileListItemOpcode, 1};
+    xcb_send_request(connection_, 0, vector + 2, &request);
+}
+
+void XcbWire::writeFlush() { xcb_flush(connection_); }
+
+int runFileTransfer(xcb_connection_t* connection, Session& session) {
+    // Null when libxcb gives nothing; the reply's present flag is not consulted.
+    const xcb_query_extension_reply_t* extension = xcb_get_extension_data(connection, &FileTransferExtension);
+    if (!extension) {
+        logPrint(1, "X Server does not support the \"%s\" extension\n", kFileTransferExtensionName);
+        return 0;
+    }
+    Outcome outcome = startRun(session);
+    if (!outcome.end) outcome = serveEvents(connection, session, extension->major_opcode);
+    return finishRun(session, outcome);
+}
