@@ -11,7 +11,7 @@ packages=(
   # the fuzz target (libFuzzer ships with clang's runtime)
   clang libclang-rt-14-dev
   # peers the tests and benchmarks compare against
-  xvfb zip unzip libarchive-tools 7zip python3 file time
+  zip unzip libarchive-tools 7zip python3 file time
   # the zstd tool makes a zstd entry for the fuzz seed corpus
   zstd
   # the Debian package (scripts/package.sh): dpkg-shlibdeps, dpkg-buildflags, lintian
