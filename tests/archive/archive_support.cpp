@@ -17,7 +17,6 @@
 namespace archivetest {
 
 Bytes toBytes(std::string_view s) { return Bytes(s.begin(), s.end()); }
-Bytes readBytes(const std::filesystem::path& path) { return toBytes(testsupport::readFile(path)); }
 
 void appendEntry(Bytes& out, const HandEntry& e) {
     Bytes payload = toBytes(e.data);
@@ -133,6 +132,4 @@ void makeSampleTree(const std::filesystem::path& root) {
     testsupport::writeFile(root / "docs" / "mixed.dat", mixed);
     testsupport::writeFile(root / "docs" / "\xc3\xbcn\xc3\xaf c\xc3\xb6" "d\xc3\xa9.txt", "utf-8 name\n");
 }
-
-
 }  // namespace archivetest

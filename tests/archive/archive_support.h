@@ -15,7 +15,6 @@ namespace archivetest {
 
 using Bytes = std::vector<std::uint8_t>;
 Bytes toBytes(std::string_view s);
-Bytes readBytes(const std::filesystem::path& path);
 
 // One entry of a hand-built archive.
 struct HandEntry {

@@ -44,7 +44,7 @@ TEST_P(ToolArchives, UnpackIntoTheSameTree) {
     makeSampleTree(work / "src");
     fs::create_directory(work / "target");
     ASSERT_EQ(shell(command, work.str()), 0);
-    const auto outcome = unpackInto(readBytes(work / "out.zip"), (work / "target").string(),
+    const auto outcome = unpackInto(toBytes(testsupport::readFile(work / "out.zip")), (work / "target").string(),
                                     kChunkings[std::get<1>(GetParam())].second);
     EXPECT_EQ(outcome.firstFailure, 0);
     EXPECT_EQ(outcome.closeResult, 0);

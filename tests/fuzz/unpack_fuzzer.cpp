@@ -166,14 +166,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::size_t at = 0;
     while (at < size) {
         state = state * 1664525u + 1013904223u;
-        std::size_t n;
-        switch (mode) {
-            case 0: n = size; break;
-            case 1: n = 1; break;
-            case 2: n = 1 + (state >> 16) % 64; break;
-            default: n = 1 + (state >> 8) % 8192; break;
-        }
-        n = std::min(n, size - at);
+        const std::size_t chunk[] = {size, 1, 1 + (state >> 16) % 64, 1 + (state >> 8) % 8192};
+        const std::size_t n = std::min(chunk[mode], size - at);
         const std::int32_t rc = mz_stream_write(p.stream, data + at, static_cast<std::int32_t>(n));
         if (rc < 0) break;
         if (rc != static_cast<std::int32_t>(n)) std::abort();  // a healthy write takes the whole chunk
