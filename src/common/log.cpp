@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <string>
 
+#include "common/terminal_display.h"
 #include "platform/platform.h"
 
 namespace {
@@ -36,6 +37,8 @@ void logPrint(int level, const char* format, ...) {
         }
         va_end(args);
     }
+    // A progress line on the terminal goes first, so the line starts at the left edge.
+    terminal::Display::clearShown();
     std::va_list args;
     va_start(args, format);
     std::vfprintf(stderr, format, args);

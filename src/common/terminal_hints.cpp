@@ -48,10 +48,12 @@ std::string lostConnectionHint(const LostTransfer& t) {
     return {};
 }
 
-std::string sessionActionLine(SessionAction action, std::string_view path, std::string_view newPath) {
+std::string sessionActionLine(SessionAction action, std::string_view path, std::string_view newPath,
+                              std::string_view outcome) {
     static constexpr const char* kVerbs[] = {"listed", "fetched", "stored", "deleted", "renamed"};
     std::string line = std::string("desktop ") + kVerbs[static_cast<std::size_t>(action)] + " " + printable(path);
     if (action == SessionAction::Renamed) line += " -> " + printable(newPath);
+    if (!outcome.empty()) line += " (" + printable(outcome) + ")";
     return line + "\n";
 }
 

@@ -39,7 +39,9 @@ std::string lostConnectionHint(const LostTransfer& transfer);
 
 // What the desktop did on this machine in a session it drives.
 enum class SessionAction : std::uint8_t { Listed, Fetched, Stored, Deleted, Renamed };
-// `newPath` only for Renamed.
-std::string sessionActionLine(SessionAction action, std::string_view path, std::string_view newPath = {});
+// "desktop stored /home/u/a.txt (12 B in 0.0 s)": `newPath` only for Renamed; `outcome`, when
+// given, follows in parentheses (a summary, "failed: ...", "aborted").
+std::string sessionActionLine(SessionAction action, std::string_view path, std::string_view newPath = {},
+                              std::string_view outcome = {});
 
 }  // namespace terminal

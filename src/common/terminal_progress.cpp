@@ -282,10 +282,11 @@ void ProgressLine::clear() {
     shownWidth_ = 0;
 }
 
-void ProgressLine::finish(std::uint64_t done, std::uint64_t now) {
+std::string ProgressLine::finish(std::uint64_t done, std::uint64_t now) {
     clear();
-    sink_.write(renderSummary(done, started_ && now > start_ ? now - start_ : 0) + "\n");
+    const bool timed = started_ && now > start_;
     started_ = false;
+    return renderSummary(done, timed ? now - start_ : 0);
 }
 
 }  // namespace terminal

@@ -4,13 +4,7 @@
 // nothing depends on a real terminal. The caller decides whether to show anything at all (standard
 // error a terminal, not -q) and never routes this text into the log file or a pipe.
 //
-// Wiring it to standard error takes a sink like
-//     struct StandardErrorSink final : terminal::ProgressSink {
-//         void write(std::string_view text) override { platform::writeStandardError(text); }
-//         unsigned columns() override { return platform::terminalColumns(); }
-//     };
-// with terminal::styleFor(platform::environment("NO_COLOR"), platform::environment("TERM")) and
-// platform::monotonicMilliseconds() as the clock.
+// terminal_display.h wires it to standard error.
 #pragma once
 
 #include <array>
@@ -93,8 +87,8 @@ public:
 };
 
 // One transfer's progress. start, then update as bytes move (as often as convenient: it decides
-// itself when to draw), clear before printing any other line, and finish (summary) or clear
-// (nothing more) at the end. Destroying it while a line is shown clears the line.
+// itself when to draw), clear before printing any other line, and finish at the end. Destroying
+// it while a line is shown clears the line.
 class ProgressLine {
 public:
     static constexpr std::uint64_t kFirstDrawAfter = 500;  // ms: short transfers show no line
@@ -116,9 +110,9 @@ public:
     // Wipes the line if one is shown, leaving the cursor at the start of an empty line. The
     // next update draws it again (at the usual pace).
     void clear();
-    // Clears the line and writes the summary line with its newline. Written even when the
-    // transfer was too short to draw a line, and in every style.
-    void finish(std::uint64_t done, std::uint64_t now);
+    // Clears the line and returns the summary (renderSummary) for the caller to show or leave
+    // out, in every style and however short the transfer was.
+    std::string finish(std::uint64_t done, std::uint64_t now);
     bool shown() const { return shownWidth_ > 0; }
 
 private:
