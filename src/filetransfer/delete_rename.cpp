@@ -4,6 +4,7 @@
 
 #include "common/log.h"
 #include "common/bytes.h"
+#include "common/terminal_hints.h"
 #include "filetransfer/dispatch.h"
 #include "filetransfer/framing.h"
 #include "filetransfer/protocol.h"
@@ -31,6 +32,14 @@ bool removePath(const std::string& path) {
     platform::Status st;
     if (parent.linkStatusAt(name, st) && st.kind == platform::Kind::Directory) return parent.removeTreeAt(name) != 0;
     return parent.unlinkAt(name);
+}
+
+// In a session the desktop drives, one line on the terminal for each delete or rename.
+void showAction(Session& s, terminal::SessionAction action, const std::string& path, const std::string& newPath,
+                bool failed, int error) {
+    if (s.commandLineRun() || !s.display.enabled()) return;
+    const std::string outcome = failed ? "failed: " + platform::errorText(error) : std::string();
+    s.display.show(terminal::sessionActionLine(action, path, newPath, outcome));
 }
 
 }  // namespace
@@ -71,7 +80,9 @@ Outcome handleDeleteRequest(Session& session, std::span<const std::uint8_t> even
         return Outcome::goOn();
     }
     const bool removed = removePath(path);
-    session.wire.sendStatus(path, kStatusDelete, !removed, removed ? 0 : platform::lastError());
+    const int error = removed ? 0 : platform::lastError();
+    session.wire.sendStatus(path, kStatusDelete, !removed, error);
+    showAction(session, terminal::SessionAction::Deleted, path, {}, !removed, error);
     return Outcome::goOn();
 }
 
@@ -88,6 +99,8 @@ Outcome handleRenameRequest(Session& session, std::span<const std::uint8_t> even
     const std::string newName(request.newName);
     // A rename acts on the names themselves: a final symbolic link is moved, never followed.
     const bool moved = platform::renameNoReplace(oldName, newName);
-    session.wire.sendStatus(oldName, kStatusRename, !moved, moved ? 0 : platform::lastError());
+    const int error = moved ? 0 : platform::lastError();
+    session.wire.sendStatus(oldName, kStatusRename, !moved, error);
+    showAction(session, terminal::SessionAction::Renamed, oldName, newName, !moved, error);
     return Outcome::goOn();
 }

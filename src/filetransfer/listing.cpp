@@ -4,6 +4,7 @@
 
 #include "common/log.h"
 #include "common/bytes.h"
+#include "common/terminal_hints.h"
 #include "filetransfer/dispatch.h"
 #include "filetransfer/framing.h"
 #include "filetransfer/protocol.h"
@@ -17,6 +18,12 @@ struct Entry {
     std::uint8_t type = 0;
     std::int64_t mtime = 0;
 };
+
+// In a session the desktop drives, one line on the terminal for each listing.
+void showListing(Session& s, const std::string& directory, std::string_view outcome) {
+    if (!s.commandLineRun() && s.display.enabled())
+        s.display.show(terminal::sessionActionLine(terminal::SessionAction::Listed, directory, {}, outcome));
+}
 
 // The item of one directory entry; false when the entry is not listed.
 bool describeEntry(const std::string& directory, const std::string& name, bool root, Entry& out) {
@@ -118,6 +125,7 @@ Outcome handleListingRequest(Session& session, std::span<const std::uint8_t> eve
         const int error = platform::lastError();
         session.browsingDirectory = previous;
         session.wire.sendStatus(pattern, kStatusListing, true, error);
+        showListing(session, directory, "failed: " + platform::errorText(error));
         return Outcome::goOn();
     }
     logPrint(3, " New browsing dir:%s\n", pattern.c_str());
@@ -136,5 +144,6 @@ Outcome handleListingRequest(Session& session, std::span<const std::uint8_t> eve
     }
     reader.close();
     session.wire.sendListItem({0, kItemEnd, {}});
+    showListing(session, directory, {});
     return Outcome::goOn();
 }

@@ -8,8 +8,8 @@
 #include "archive/stream.h"
 #include "archive/file_stream.h"
 #include "common/log.h"
+#include "common/terminal_hints.h"
 #include "filetransfer/environment.h"
-#include "filetransfer/progress.h"
 #include "filetransfer/protocol.h"
 #include "filetransfer/staging.h"
 #include "platform/platform.h"
@@ -28,11 +28,28 @@ bool StreamObject::ensure(void* (*create)()) {
 Session::Session(Options opts, Wire& w) : options(std::move(opts)), wire(w), staging(std::make_unique<Staging>()) {}
 Session::~Session() = default;
 
+namespace {
+
+// The entry a directory stream is packing or unpacking, beside the progress figures (the
+// transfer's own byte count drives those).
+void showEntry(void* display, const char* entryName, std::int64_t, std::int64_t, std::int32_t) {
+    static_cast<terminal::Display*>(display)->setEntry(entryName ? entryName : "");
+}
+
+}  // namespace
+
 bool Session::ensureFileStream() { return fileStream.ensure(mz_stream_os_create); }
-// Both directory streams keep their defaults: every file is deflated, and the transfer's own
-// byte count drives the progress line, so neither stream gets callbacks.
-bool Session::ensurePackStream() { return packStream.ensure(createDirPackStream); }
-bool Session::ensureUnpackStream() { return unpackStream.ensure(createDirUnpackStream); }
+// The pack stream deflates every file (no method callback).
+bool Session::ensurePackStream() {
+    if (!packStream.ensure(createDirPackStream)) return false;
+    setDirPackStreamCallbacks(packStream.get(), nullptr, showEntry, &display);
+    return true;
+}
+bool Session::ensureUnpackStream() {
+    if (!unpackStream.ensure(createDirUnpackStream)) return false;
+    setDirUnpackStreamProgress(unpackStream.get(), showEntry, &display);
+    return true;
+}
 
 void Session::closeCurrentStream() {
     if (current) {
@@ -87,7 +104,7 @@ std::string lastComponent(const std::string& path) {
 
 Outcome announce(Session& s, std::uint8_t direction, std::uint8_t objectType, std::uint8_t openFlag,
                  std::uint64_t size) {
-    startProgress(s.options.localPath, size);
+    s.display.start(size);
     s.wire.sendReply(TransferHeader{direction, objectType, openFlag, kReplyCommandLineStart, size,
                                     s.options.remotePath, s.options.localPath});
     return Outcome::goOn();
@@ -136,7 +153,11 @@ Outcome prepareOpen(Session& s) {
 Outcome prepareGetDirectory(Session& s) {
     const std::string& path = s.options.localPath;
     const std::size_t cut = path.find_last_of("\\/");
-    if (cut == std::string::npos) return failLocal("Wrong local path: %s \n", path);
+    if (cut == std::string::npos) {
+        failLocal("Wrong local path: %s \n", path);
+        s.display.show(terminal::bareDirectoryTargetHint(path));
+        return Outcome::endRun();
+    }
     // A directory straight under the root has the root as its parent.
     const std::string parent = cut == 0 ? path.substr(0, 1) : path.substr(0, cut);
     if (!platform::exists(parent)) return failLocal("Wrong local path: %s \n", parent);
@@ -177,6 +198,28 @@ Outcome preparePutDirectory(Session& s) {
     return announce(s, kDirectionToDesktop, kObjectDirectory, 0, 0);
 }
 
+// What was moving when the connection went, for the hint. A command-line run knows its names
+// before any event has brought them.
+terminal::LostTransfer lostTransfer(Session& s) {
+    terminal::LostTransfer lost;
+    if (!s.current || !s.display.running()) return lost;
+    const TransferHeader& h = s.transfer.header;
+    const bool receiving = s.commandLineRun() ? s.options.runMode == RunMode::Get || s.options.runMode == RunMode::GetDir
+                                              : h.direction == kDirectionFromDesktop;
+    lost.direction = receiving ? terminal::Direction::Receiving : terminal::Direction::Sending;
+    if (s.commandLineRun()) {
+        lost.name = receiving ? s.options.remotePath : s.options.localPath;
+    } else {
+        lost.name = receiving && !h.nameA.empty() ? h.nameA : h.nameB;
+    }
+    if (s.staging->active()) lost.target = s.staging->target();
+    else lost.target = s.commandLineRun() ? s.options.localPath : h.nameB;
+    lost.done = s.display.done();
+    lost.total = s.display.total();
+    s.display.drop();
+    return lost;
+}
+
 }  // namespace
 
 Outcome startRun(Session& s) {
@@ -203,14 +246,8 @@ int finishRun(Session& s, Outcome outcome) {
         return outcome.status;
     }
     // The connection went. A receive in progress leaves its target as it was; on a terminal
-    // (and only there) one line says so.
-    if (s.current && logVerbosity() >= 1 && platform::standardErrorIsTerminal()) {
-        finishProgress();
-        const std::string line = s.staging->active() ? "The connection was lost: the transfer did not complete and " +
-                                                           s.staging->target() + " is unchanged.\n"
-                                                     : "The connection was lost: the transfer did not complete.\n";
-        platform::writeStandardError(line);
-    }
+    // (and only there) one line says what was under way.
+    if (s.display.enabled()) s.display.show(terminal::lostConnectionHint(lostTransfer(s)));
     s.staging->discard();
     platform::removeTemporaries();
     return 0;

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "common/options.h"
+#include "common/terminal_display.h"
 #include "filetransfer/framing.h"
 #include "filetransfer/wire.h"
 
@@ -56,6 +57,8 @@ struct Session {
     Options options;  // what the command line asked for
     Wire& wire;       // where the answers go
     TransferState transfer;
+    // The progress line and the extra lines on a terminal; disabled unless the driver enables it.
+    terminal::Display display;
 
     // The three streams, created on first use, and the one of the transfer in progress.
     StreamObject fileStream;    // plain local files

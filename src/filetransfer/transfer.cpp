@@ -8,8 +8,8 @@
 
 #include "archive/stream.h"
 #include "common/log.h"
+#include "common/terminal_hints.h"
 #include "filetransfer/dispatch.h"
-#include "filetransfer/progress.h"
 #include "filetransfer/protocol.h"
 #include "filetransfer/staging.h"
 #include "platform/platform.h"
@@ -20,6 +20,22 @@ bool isMoveObject(std::uint8_t objectType) {
     return objectType == kObjectMoveFile || objectType == kObjectMoveFileToo;
 }
 
+// The local path of the transfer: a received directory's without its ".zip" ending.
+const std::string& localPath(const TransferState& t) {
+    return t.header.objectType == kObjectDirectory && !t.directoryPath.empty() ? t.directoryPath : t.header.nameB;
+}
+
+// In a session the desktop drives, one line on the terminal for each transfer it makes, with
+// its outcome.
+void showTransfer(Session& s, std::string_view outcome) {
+    if (s.commandLineRun() || !s.display.enabled()) return;
+    const auto action = s.transfer.header.direction == kDirectionToDesktop ? terminal::SessionAction::Fetched
+                                                                            : terminal::SessionAction::Stored;
+    s.display.show(terminal::sessionActionLine(action, localPath(s.transfer), {}, outcome));
+}
+
+void showFailedTransfer(Session& s, int error) { showTransfer(s, "failed: " + platform::errorText(error)); }
+
 // Answers with the transfer's header and the given kind. A command-line send that reached its
 // end (finish) ends the run once the answer is out.
 Outcome sendReply(Session& s, std::uint8_t kind, std::span<const std::uint8_t> data = {}) {
@@ -27,7 +43,7 @@ Outcome sendReply(Session& s, std::uint8_t kind, std::span<const std::uint8_t> d
     s.wire.sendReply(s.transfer.header, data);
     if (!s.transfer.finish) return Outcome::goOn();
     s.wire.flush();
-    finishProgress();
+    s.display.finish();
     logPrint(1, "File Transfer completed.\n");
     return Outcome::endRun();
 }
@@ -40,7 +56,9 @@ Outcome startSending(Session& s) {
     const bool made = directory ? s.ensurePackStream() : s.ensureFileStream();
     void* stream = directory ? s.packStream.get() : s.fileStream.get();
     if (!made || mz_stream_open(stream, t.header.nameB.c_str(), MZ_OPEN_MODE_READ) != MZ_OK) {
-        s.wire.sendStatus(t.header.nameB, kStatusTransfer, true, platform::lastError());
+        const int error = platform::lastError();
+        s.wire.sendStatus(t.header.nameB, kStatusTransfer, true, error);
+        showFailedTransfer(s, error);
         return Outcome::goOn();
     }
     s.current = stream;
@@ -57,7 +75,7 @@ Outcome startSending(Session& s) {
             mz_stream_seek(stream, 0, MZ_SEEK_SET);
         }
     }
-    startProgress(t.header.nameB, t.header.size);
+    s.display.start(t.header.size);
     return sendReply(s, kReplyOpened);
 }
 
@@ -77,12 +95,13 @@ Outcome startReceivingFile(Session& s) {
     int error = 0;
     if (!s.staging->stageFile(t.header.nameB, stream, error)) {
         s.wire.sendStatus(t.header.nameB, kStatusTransferTarget, true, error);
+        showFailedTransfer(s, error);
         return Outcome::goOn();
     }
     s.current = stream;
     t.writeFailureLogged = false;
     t.writeError = 0;
-    startProgress(t.header.nameB, t.header.size);
+    s.display.start(t.header.size);
     return sendReply(s, kReplyOpened);
 }
 
@@ -128,7 +147,7 @@ Outcome startReceivingDirectory(Session& s) {
         s.current = unpack;
         t.writeFailureLogged = false;
         t.writeError = 0;
-        startProgress(t.directoryPath, 0);
+        s.display.start(0);
         return sendReply(s, kReplyOpened);
     }
     if (staged) error = made ? platform::lastError() : platform::outOfMemoryErrorCode();
@@ -136,6 +155,7 @@ Outcome startReceivingDirectory(Session& s) {
     if (s.current == unpack) s.current = nullptr;
     s.staging->discard();
     s.wire.sendStatus(t.directoryPath, kStatusTransferTarget, true, error);
+    showFailedTransfer(s, error);
     return s.commandLineRun() ? Outcome::endRun() : Outcome::goOn();
 }
 
@@ -208,13 +228,12 @@ void writeChunk(Session& s, std::span<const std::uint8_t> data) {
     }
     if (failed && !t.writeFailureLogged) {
         t.writeFailureLogged = true;
-        const std::string& path = t.header.objectType == kObjectDirectory && !t.directoryPath.empty()
-                                      ? t.directoryPath
-                                      : t.header.nameB;
+        const std::string& path = localPath(t);
         const std::string text = error != 0 ? platform::errorText(error) : "stream error " + std::to_string(result);
         logPrint(1, "Unable to write to local %s: %s\n", path.c_str(), text.c_str());
     }
-    addProgress(data.size());
+    s.display.setTotal(t.header.size);  // a -get learns the size from the events
+    s.display.add(data.size());
 }
 
 Outcome receiveChunk(Session& s, std::span<const std::uint8_t> data) {
@@ -245,7 +264,7 @@ Outcome sendChunk(Session& s) {
     const std::int32_t count =
         chunk ? mz_stream_read(s.current, chunk.get(), static_cast<std::int32_t>(kChunkSize)) : MZ_MEM_ERROR;
     if (count <= 0) return endSending(s);
-    addProgress(static_cast<std::uint64_t>(count));
+    s.display.add(static_cast<std::uint64_t>(count));
     return sendReply(s, kReplyChunk, std::span<const std::uint8_t>(chunk.get(), static_cast<std::size_t>(count)));
 }
 
@@ -257,6 +276,15 @@ Outcome complete(Session& s) {
     const bool unpacking = s.current && s.current == s.unpackStream.get();
     int error = 0;
     const bool whole = settleCurrentStream(s, error);
+    if (s.display.running()) {
+        const std::string summary = s.display.end();
+        if (!s.commandLineRun()) {
+            if (whole) showTransfer(s, summary);
+            else showFailedTransfer(s, error);
+        } else if (whole) {
+            s.display.show(summary + "\n");
+        }
+    }
     if (t.header.objectType == kObjectDirectory) {
         // Only the unpack stream has an outcome to report; a directory sent from here, or no
         // transfer at all, reports success.
@@ -264,7 +292,6 @@ Outcome complete(Session& s) {
         s.wire.sendStatus(t.directoryPath, kStatusTransferTarget, failed, failed ? error : 0);
         t.directoryPath.clear();
     }
-    finishProgress();
     if (!s.commandLineRun()) return Outcome::goOn();
     logPrint(1, "File Transfer completed.\n");
     return Outcome::endRun();
@@ -290,7 +317,10 @@ Outcome abortTransfer(Session& s) {
         discardCurrentStream(s);
     }
     s.keepPath.clear();
-    finishProgress();
+    if (s.display.running()) {
+        s.display.drop();
+        showTransfer(s, "aborted");
+    }
     if (!s.commandLineRun()) return Outcome::goOn();
     logPrint(1, "File Transfer aborted by remote.\n");
     return Outcome::endRun();
@@ -303,7 +333,7 @@ Outcome refuse(Session& s, std::uint8_t kind) {
         "Failed, because the session is suspended. Please resume the session and try again.\n",
         "Failed. The remote printing and /or file transfer are not allowed for this session.\n",
     };
-    finishProgress();
+    s.display.drop();
     logPrint(1, "%s", messages[kind - kEventRefusedFirst]);
     // What a -get received so far is only in its temporary, which goes; the target stays.
     discardCurrentStream(s);
@@ -325,7 +355,7 @@ Outcome handleTransferRequest(Session& s, std::span<const std::uint8_t> event) {
     h.openFlag = request.header.openFlag;
     h.kind = request.header.kind;
     if (h.kind == kEventSessionClosed) {
-        finishProgress();
+        s.display.drop();
         logPrint(1, "File Transfer session was closed.\n");
         return Outcome::endRun();
     }

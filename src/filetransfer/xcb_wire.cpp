@@ -7,9 +7,11 @@
 
 #include "common/bytes.h"
 #include "common/log.h"
+#include "common/terminal_hints.h"
 #include "filetransfer/dispatch.h"
 #include "filetransfer/protocol.h"
 #include "filetransfer/session.h"
+#include "platform/platform.h"
 
 namespace {
 
@@ -95,10 +97,16 @@ void XcbWire::writeFlush() { xcb_flush(connection_); }
 int runFileTransfer(xcb_connection_t* connection, Session& session) {
     // Null when libxcb gives nothing; the reply's present flag is not consulted.
     const xcb_query_extension_reply_t* extension = xcb_get_extension_data(connection, &FileTransferExtension);
-    if (!extension) {
-        logPrint(1, "X Server does not support the \"%s\" extension\n", kFileTransferExtensionName);
-        return 0;
+    if (!extension) logPrint(1, "X Server does not support the \"%s\" extension\n", kFileTransferExtensionName);
+    if (!extension || !extension->present) {
+        // Most likely not the proxy's display. The run goes on as it always did where the
+        // extension was only reported absent, but nothing more is shown about a transfer that
+        // cannot start.
+        const char* display = session.options.display ? session.options.display->c_str() : platform::environment("DISPLAY");
+        session.display.show(terminal::missingExtensionHint(display ? display : "", terminal::Extension::FileTransfer));
+        session.display.disable();
     }
+    if (!extension) return 0;
     Outcome outcome = startRun(session);
     if (!outcome.end) outcome = serveEvents(connection, session, extension->major_opcode);
     return finishRun(session, outcome);
