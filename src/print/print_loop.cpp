@@ -7,6 +7,9 @@
 #include <span>
 
 #include "common/log.h"
+#include "common/terminal_display.h"
+#include "common/terminal_hints.h"
+#include "common/terminal_progress.h"
 #include "platform/platform.h"
 #include "print/classify.h"
 #include "print/requests.h"
@@ -43,7 +46,7 @@ struct ChunkSource {
 // Streams the open source: the name with the first chunk, then the rest; an exact multiple of
 // the chunk size ends with an empty chunk, since the end is only seen by a read that finds nothing.
 int sendChunks(xcb_connection_t* connection, const std::string& name, ChunkSource& source,
-               std::uint32_t& moreFilesAccepted) {
+               std::uint32_t& moreFilesAccepted, terminal::Display& display) {
     moreFilesAccepted = 1;
     const std::unique_ptr<std::uint8_t[]> storage(new (std::nothrow) std::uint8_t[kPrintChunkSize]);
     if (!storage) return 0;
@@ -53,10 +56,12 @@ int sendChunks(xcb_connection_t* connection, const std::string& name, ChunkSourc
     if (source.failed) return 0;
     if (!sendFileBegin(connection, name.c_str(), buffer.first(got), source.atEnd ? 0 : 1, moreFilesAccepted))
         return 0;
+    display.add(got);
     while (!source.atEnd) {
         got = source.fill(buffer);
         const bool last = source.atEnd || source.failed;
         if (!sendFileContinue(connection, buffer.first(got), last ? 0 : 1, moreFilesAccepted)) return 0;
+        display.add(got);
         if (last) break;
     }
     return 1;
@@ -77,7 +82,7 @@ std::string standardInputPrintName(const char* suffix, const char* prefix, std::
 }
 
 int sendPrintFile(xcb_connection_t* connection, const char* path, std::uint32_t& moreFilesAccepted,
-                  const char* suffix, const char* prefix) {
+                  const char* suffix, const char* prefix, terminal::Display* display) {
     if (!connection) return 0;
     ChunkSource source;
     std::string name;
@@ -96,11 +101,18 @@ int sendPrintFile(xcb_connection_t* connection, const char* path, std::uint32_t&
         source.standardInput = true;
         logPrint(3, "Using stdin\n");
     }
-    return sendChunks(connection, name, source, moreFilesAccepted);
+    terminal::Display none;
+    terminal::Display& shown = display ? *display : none;
+    platform::Status st;
+    shown.start(path && platform::status(path, st) ? st.size : 0);
+    return sendChunks(connection, name, source, moreFilesAccepted, shown);
 }
 
-void runPrintLoop(xcb_connection_t* connection, const std::vector<std::string>& files) {
+void runPrintLoop(xcb_connection_t* connection, const std::vector<std::string>& files, terminal::Display* display) {
     std::uint32_t moreFilesAccepted = 1;  // cleared when the far side will take no more files
+    terminal::Display none;
+    terminal::Display& shown = display ? *display : none;
+    bool lossShown = false;
     for (const std::string& file : files) {
         const char* path = file.c_str();
         logPrint(2, "Sending file %s\n", path);
@@ -122,11 +134,19 @@ void runPrintLoop(xcb_connection_t* connection, const std::vector<std::string>& 
             logPrint(1, "\"%s\" is not a plain text or Postscript file and cannot be printed.\n", path);
             continue;
         }
-        if (sendPrintFile(connection, path, moreFilesAccepted, nullptr, nullptr)) {
+        if (sendPrintFile(connection, path, moreFilesAccepted, nullptr, nullptr, &shown)) {
+            const std::string summary = shown.end();
+            if (!summary.empty()) shown.show(terminal::printable(file) + ": " + summary + "\n");
             logPrint(2, "File successfully sent\n");
             continue;
         }
+        const terminal::LostTransfer lost{terminal::Direction::Printing, file, {}, shown.done(), shown.total()};
+        shown.drop();
         logPrint(1, "Error while sending file \"%s\"\n", path);
+        if (!lossShown && shown.enabled() && connection && xcb_connection_has_error(connection)) {
+            shown.show(terminal::lostConnectionHint(lost));
+            lossShown = true;
+        }
         if (moreFilesAccepted == 0) {
             logPrint(1, "X Server will not accept more files\n");
             break;
