@@ -9,6 +9,8 @@
 #include "app/cli.h"
 #include "common/log.h"
 #include "common/options.h"
+#include "common/terminal_display.h"
+#include "common/terminal_hints.h"
 #include "filetransfer/session.h"
 #include "filetransfer/xcb_wire.h"
 #include "platform/platform.h"
@@ -58,6 +60,18 @@ void printStartup(const std::string& program, std::int32_t verbosity, const std:
 // The display as the user gave it, for messages ("(null)" when none was given).
 const char* shown(const std::optional<std::string>& display) { return display ? display->c_str() : "(null)"; }
 
+// The hint for a display that could not be reached because none was named.
+void hintWhenNoDisplay(const std::optional<std::string>& display) {
+    const char* variable = platform::environment("DISPLAY");
+    if (!display && (!variable || *variable == '\0')) terminal::hint(terminal::displayUnsetHint());
+}
+
+// The display as the hints name it: the one given, else DISPLAY.
+std::string displayName(const std::optional<std::string>& display) {
+    const char* variable = platform::environment("DISPLAY");
+    return display ? *display : variable ? variable : "";
+}
+
 // Owns the one X connection of the run.
 struct Connection {
     xcb_connection_t* handle = nullptr;
@@ -91,13 +105,18 @@ int runPrintMode(int argc, char** argv, const std::string& program) {
     if (const int error = xcb_connection_has_error(connection.handle); error != 0) {
         if (error == XCB_CONN_ERROR) logPrint(1, "Could not connect to display: %s\n", shown(display));
         else logPrint(1, "xcb_connection_has_error() returned %d\n", error);
+        hintWhenNoDisplay(display);
         return 1;
     }
-    if (!xcb_get_extension_data(connection.handle, &ThinPrintExtension)) {
-        logPrint(1, "X Server does not support the \"%s\" extension\n", kThinPrintExtensionName);
-        return 1;
+    const xcb_query_extension_reply_t* extension = xcb_get_extension_data(connection.handle, &ThinPrintExtension);
+    if (!extension) logPrint(1, "X Server does not support the \"%s\" extension\n", kThinPrintExtensionName);
+    if (!extension || !extension->present) {
+        terminal::hint(terminal::missingExtensionHint(displayName(display), terminal::Extension::Print));
     }
-    runPrintLoop(connection.handle, options.printFiles);
+    if (!extension) return 1;
+    terminal::Display progress;
+    if (terminal::wanted() && extension->present) progress.enable();
+    runPrintLoop(connection.handle, options.printFiles, &progress);
     return 0;
 }
 
@@ -127,6 +146,7 @@ int runTransferMode(int argc, char** argv, const std::string& program) {
             // The session and its wire go before the connection does.
             XcbWire wire(connection.handle);
             Session session(std::move(options), wire);
+            if (terminal::wanted()) session.display.enable();
             return runFileTransfer(connection.handle, session);
         }
         case XCB_CONN_CLOSED_MEM_INSUFFICIENT:
@@ -142,6 +162,7 @@ int runTransferMode(int argc, char** argv, const std::string& program) {
             logPrint(1, "Could not connect to display: %s\n", shown(display));
             break;
     }
+    hintWhenNoDisplay(display);
     return 1;
 }
 
