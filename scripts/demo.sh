@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The main job: installs what is missing, builds, starts the loopback desktop as the far side,
-# and shows varoft moving files and a directory to it and back, and printing a file on it.
+# and shows varoft moving files and a directory to it and back, and printing a file on it. Run on
+# a terminal, varoft also shows its progress line and a summary after each transfer.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -57,27 +58,34 @@ show_desktop_log
 cmp report.txt report-back.txt || { echo "MISMATCH: report-back.txt differs"; exit 1; }
 echo "report-back.txt is identical to report.txt"
 
-step "3. Copy a whole directory to the desktop (it travels as a ZIP stream)"
+step "3. Copy a 1 GiB file to the desktop (on a terminal a progress line shows how it goes)"
+# Sparse: it takes no room here, and the desktop keeps its zero blocks as holes.
+truncate -s 1G disk-image.bin
+run "$varoft" -put disk-image.bin
+show_desktop_log
+rm -f disk-image.bin "$work/desktop/disk-image.bin"
+
+step "4. Copy a whole directory to the desktop (it travels as a ZIP stream)"
 run "$varoft" -putd project project
 show_desktop_log
 
-step "4. Fetch the directory back, and compare the trees"
+step "5. Fetch the directory back, and compare the trees"
 # The local side of -getd names its parent directory, here the current one.
 run "$varoft" -getd project ./project-back
 show_desktop_log
 diff -r project project-back || { echo "MISMATCH: the trees differ"; exit 1; }
 echo "project-back is identical to project ($(find project -type f | wc -l) files)"
 
-step "5. Print a text file on the desktop"
+step "6. Print a text file on the desktop"
 run "$varoft" -v -print notes.txt
 show_desktop_log
 echo "The desktop's print folder now holds notes.txt:"
 sed 's/^/    > /' "$work/printed/notes.txt"
 
-step "6. A file that cannot be printed is refused locally"
+step "7. A file that cannot be printed is refused locally"
 run "$varoft" -print project/data.bin || true
 
-step "7. Let the desktop drive: it browses your home folder, then renames and deletes in the demo folder"
+step "8. Let the desktop drive: it browses your home folder, then renames and deletes in the demo folder"
 # A second loopback desktop plays a short script; varoft, started with no operation, serves it.
 cat > "$work/session.txt" <<SCRIPT
 list $HOME
