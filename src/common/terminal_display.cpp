@@ -37,9 +37,10 @@ void Display::disable() {
 
 void Display::enable() {
     if (!line_) {
+        Style style = styleFor(platform::environment("NO_COLOR"), platform::environment("TERM"));
+        if (style == Style::Full && !platform::terminalTakesEscapes()) style = Style::Plain;
         sink_ = std::make_unique<Sink>();
-        line_ = std::make_unique<ProgressLine>(
-            *sink_, styleFor(platform::environment("NO_COLOR"), platform::environment("TERM")));
+        line_ = std::make_unique<ProgressLine>(*sink_, style);
     }
     Shown = this;
 }

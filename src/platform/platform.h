@@ -304,6 +304,9 @@ namespace platform {
 // Columns of the terminal standard error is written to (TIOCGWINSZ); 80 when it is not a
 // terminal or does not say. Asked afresh on every call, so a resized terminal is followed.
 unsigned terminalColumns();
+// Whether the terminal on standard error acts on escape sequences (erase to the end of the line).
+// A Windows console is switched to do so where it can be.
+bool terminalTakesEscapes();
 // Milliseconds from a clock that never goes back (not the time of day).
 std::uint64_t monotonicMilliseconds();
 

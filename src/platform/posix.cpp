@@ -872,6 +872,8 @@ unsigned terminalColumns() {
     return size.ws_col;
 }
 
+bool terminalTakesEscapes() { return true; }
+
 std::uint64_t monotonicMilliseconds() {
     struct timespec now {};
     ::clock_gettime(CLOCK_MONOTONIC, &now);

@@ -630,6 +630,14 @@ unsigned terminalColumns() {
     return columns > 0 ? static_cast<unsigned>(columns) : 80;
 }
 
+bool terminalTakesEscapes() {
+    const HANDLE console = GetStdHandle(STD_ERROR_HANDLE);
+    DWORD mode = 0;
+    if (!GetConsoleMode(console, &mode)) return false;
+    return (mode & ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0 ||
+           SetConsoleMode(console, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0;
+}
+
 std::uint64_t monotonicMilliseconds() { return GetTickCount64(); }
 
 std::vector<std::string> utf8Arguments(int argc, char** argv) {
