@@ -62,7 +62,11 @@ std::string nextBrowsingDirectory(const std::optional<std::string>& current, std
     if (request == "..") {
         const std::size_t cut = current->rfind(platform::kSeparator);
         if (cut == std::string::npos) return *current;
+#ifdef _WIN32
+        if (cut == 0) return std::string();  // "\x" climbs to the empty directory
+#else
         if (cut == 0) return std::string(1, platform::kSeparator);
+#endif
         return current->substr(0, cut);
     }
     if (request.front() == '/') return std::string(request);
