@@ -2,6 +2,7 @@
 # Installs what is missing, builds, and runs the whole test suite: once optimised, once under
 # AddressSanitizer + UndefinedBehaviorSanitizer, the archive tests under ThreadSanitizer, a short
 # fuzzing run, and then the Windows build under Wine (VAROFT_WINDOWS=0 leaves that leg out).
+#   scripts/test.sh windows   the Windows leg alone (after the optimised build its end-to-end runs use)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
@@ -10,28 +11,28 @@ jobs=${JOBS:-$(nproc)}
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 
-echo "== build (optimised)"
-bash scripts/build.sh release
-echo "== tests (optimised)"
-ctest --test-dir build --output-on-failure -j "$jobs"
+linux_legs() {
+  echo "== tests (optimised)"
+  ctest --test-dir build --output-on-failure -j "$jobs"
 
-echo "== build (sanitizers)"
-bash scripts/build.sh asan
-echo "== tests (sanitizers)"
-# The multi-gigabyte transfers (label "slow") prove sizes, not memory safety: they run once, above.
-ctest --test-dir build-asan --output-on-failure -j "$jobs" -LE slow
+  echo "== build (sanitizers)"
+  bash scripts/build.sh asan
+  echo "== tests (sanitizers)"
+  # The multi-gigabyte transfers (label "slow") prove sizes, not memory safety: they run once, above.
+  ctest --test-dir build-asan --output-on-failure -j "$jobs" -LE slow
 
-echo "== archive tests (thread sanitizer)"
-bash scripts/build.sh tsan
-TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1} build-tsan/tests/archive/archive_tests --gtest_brief=1
+  echo "== archive tests (thread sanitizer)"
+  bash scripts/build.sh tsan
+  TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1} build-tsan/tests/archive/archive_tests --gtest_brief=1
 
-if [ -f tests/fuzz/CMakeLists.txt ]; then
-  echo "== fuzzing (short run)"
-  bash scripts/build.sh fuzz
-  bash scripts/fuzz.sh 60   # a minute for each target
-fi
+  if [ -f tests/fuzz/CMakeLists.txt ]; then
+    echo "== fuzzing (short run)"
+    bash scripts/build.sh fuzz
+    bash scripts/fuzz.sh 60   # a minute for each target
+  fi
+}
 
-if [ "${VAROFT_WINDOWS:-1}" != 0 ]; then
+windows_leg() {
   echo "== build (Windows, mingw-w64)"
   bash scripts/build.sh windows
 
@@ -52,4 +53,15 @@ if [ "${VAROFT_WINDOWS:-1}" != 0 ]; then
     VAROFT_TEST_DISPLAY_HOST=127.0.0.1 \
     ctest --test-dir build --output-on-failure -j "$jobs" --timeout 300 --no-tests=error -R \
     '^(Driver\.VersionGoesToStandardOutputAlone|EndToEnd\.(SendModes|ExtensionReportedAbsent|LogLinkPlanted)|Directories\.PutDirectory|PrintRun\.StandardInput|LoopbackDesktopProgram\.)'
+}
+
+echo "== build (optimised)"
+bash scripts/build.sh release
+if [ "${1:-}" = windows ]; then
+  windows_leg
+  exit 0
+fi
+linux_legs
+if [ "${VAROFT_WINDOWS:-1}" != 0 ]; then
+  windows_leg
 fi
