@@ -8,6 +8,8 @@
 #include <memory>
 #include <span>
 
+#include "common/printf_format.h"
+
 struct ByteBuffer {
     std::uint32_t capacity;  // bytes of data space after the header
     std::uint32_t length;    // bytes in use
@@ -58,4 +60,4 @@ inline bool byteBufferAppend(ByteBufferPtr& buffer, std::span<const std::uint8_t
 // dropped.
 using ByteBufferReportHook = void (*)(const char* text, std::size_t length);
 void setByteBufferReportHook(ByteBufferReportHook hook);
-void byteBufferReport(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void byteBufferReport(const char* format, ...) VAROFT_PRINTF_FORMAT(1, 2);

@@ -11,8 +11,10 @@ struct Session;
 // Fills the session's home directory and user name and sends the session start (reply kind 9).
 void reportEnvironment(Session& session);
 
-// The drive list of the session start: each entry followed by its terminator.
+#ifndef _WIN32
+// The drive list of the session start: the one root, followed by its terminator.
 std::vector<std::uint8_t> driveList();
+#endif
 
-// The home directory of the directory modes: USERPROFILE, else HOME, with no suffix.
+// The home directory of the directory modes: USERPROFILE (on POSIX else HOME), with no suffix.
 std::string commandLineHomeDirectory();

@@ -9,6 +9,9 @@
 #include "filetransfer/framing.h"
 #include "filetransfer/protocol.h"
 #include "platform/platform.h"
+#ifdef _WIN32
+#include "platform/win32.h"
+#endif
 #include "print/classify.h"
 
 namespace {
@@ -28,12 +31,16 @@ void showListing(Session& s, const std::string& directory, std::string_view outc
 // The item of one directory entry; false when the entry is not listed.
 bool describeEntry(const std::string& directory, const std::string& name, bool root, Entry& out) {
     if (name.empty() || name == ".") return false;
+    const std::string path = directory + platform::kSeparator + name;
     if (name == "..") {
         if (root) return false;
+#ifdef _WIN32
+    } else if (platform::hasHiddenAttribute(path)) {
+#else
     } else if (name.front() == '.') {
+#endif
         return false;  // hidden
     }
-    const std::string path = directory + platform::kSeparator + name;
     platform::Status st;
     if (!platform::status(path, st)) {
         // A dangling link, or an entry gone since it was read: the link's own time if any.
@@ -62,13 +69,18 @@ std::string nextBrowsingDirectory(const std::optional<std::string>& current, std
     if (request == "..") {
         const std::size_t cut = current->rfind(platform::kSeparator);
         if (cut == std::string::npos) return *current;
+#ifdef _WIN32
+        if (cut == 0) return std::string();  // "\x" climbs to the empty directory
+#else
         if (cut == 0) return std::string(1, platform::kSeparator);
+#endif
         return current->substr(0, cut);
     }
     if (request.front() == '/') return std::string(request);
     if (request.size() >= 2 && request[1] == ':') return std::string(request);  // a drive path
-    // A relative name: joined to the browsing directory, with one separator after the root.
-    std::string joined = *current == "/" ? std::string() : *current;
+    // A relative name: joined to the browsing directory; "/" takes the name straight after it.
+    if (*current == "/") return "/" + std::string(request);
+    std::string joined = *current;
     joined += platform::kSeparator;
     joined += request;
     return joined;
@@ -81,7 +93,14 @@ std::string searchPattern(std::string_view directory) {
     return pattern;
 }
 
-bool listsRoot(std::string_view directory) { return directory.find_first_not_of('/') == std::string_view::npos; }
+bool listsRoot(std::string_view directory) {
+#ifdef _WIN32
+    // A drive named without its backslash ("C:", pattern "C:\*"); "C:\" still offers "..".
+    return searchPattern(directory).find(":\\*") != std::string::npos;
+#else
+    return directory.find_first_not_of('/') == std::string_view::npos;
+#endif
+}
 
 std::string entryItemName(std::int64_t mtime, std::string_view name) {
     std::string out = std::to_string(static_cast<unsigned long long>(mtime));

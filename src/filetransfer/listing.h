@@ -21,11 +21,12 @@ inline constexpr std::size_t kEntryNameMax = 259;
 std::string nextBrowsingDirectory(const std::optional<std::string>& current, std::string_view request,
                                   std::string_view start);
 
-// The search pattern of a directory: the directory followed by "/*". It names the directory in
-// a failed listing's status.
+// The search pattern of a directory: the directory followed by the separator and "*". It names
+// the directory in a failed listing's status.
 std::string searchPattern(std::string_view directory);
 
-// Whether a listing of `directory` leaves out "..": only the root has no parent to offer.
+// Whether a listing of `directory` leaves out "..": only the root ("/"; on Windows a drive named
+// without its backslash, "C:") has no parent to offer.
 bool listsRoot(std::string_view directory);
 
 // The name of an entry's item: "<mtime seconds since 1970>_<name>", the name cut at

@@ -21,7 +21,10 @@ xcb_extension_t FileTransferExtension = {kFileTransferExtensionName, 0};
 constexpr std::uint8_t kZeros[4] = {0, 0, 0, 0};
 
 // One part of a request vector (struct iovec comes with libxcb's header).
-iovec part(const void* data, std::size_t length) { return iovec{const_cast<void*>(data), length}; }
+// Its length is a size_t on POSIX and an int in libxcb's Windows header.
+iovec part(const void* data, std::size_t length) {
+    return iovec{const_cast<void*>(data), static_cast<decltype(iovec::iov_len)>(length)};
+}
 
 // The whole buffer of a generic event that libxcb handed over (its real size follows from the
 // length field, which libxcb itself used to read the event).

@@ -115,6 +115,48 @@ void closeKeepingError(HANDLE handle) {
     CloseHandle(handle);
 }
 
+// ---- handles closed before the temporaries are removed --------------------------------------
+// The system removes no directory while a handle without FILE_SHARE_DELETE is open on it, and
+// (on some file systems) none that holds a deleted file still open. The console-event handler
+// therefore closes the directories DirectoryHandles hold and the files made below them first.
+// It does so once it has the termination guard: the extraction's thread works only while its
+// caller holds a TerminationBlock, so none of these handles is in use then. It keeps their
+// lock, so none is closed twice or taken anew before the process ends.
+
+CRITICAL_SECTION& heldLock() {
+    static CRITICAL_SECTION section = [] {
+        CRITICAL_SECTION made;
+        InitializeCriticalSection(&made);
+        return made;
+    }();
+    return section;
+}
+
+std::vector<HANDLE>& heldHandles() {
+    static std::vector<HANDLE> held;
+    return held;
+}
+
+// adopt, and the handle listed among the held ones.
+bool hold(HANDLE handle, int& out) {
+    if (!adopt(handle, out)) return false;
+    EnterCriticalSection(&heldLock());
+    heldHandles().push_back(handle);
+    LeaveCriticalSection(&heldLock());
+    return true;
+}
+
+// Closes a handle kept in an int, listed among the held ones or not; false when closing failed.
+bool release(int& value) {
+    EnterCriticalSection(&heldLock());
+    auto& held = heldHandles();
+    held.erase(std::remove(held.begin(), held.end(), handleOf(value)), held.end());
+    const bool ok = CloseHandle(handleOf(value)) != 0;
+    LeaveCriticalSection(&heldLock());
+    value = -1;
+    return ok;
+}
+
 // ---- times and kinds ------------------------------------------------------------------------
 
 constexpr std::uint64_t kTicksPerSecond = 10000000ULL;         // FILETIME counts 100 ns
@@ -560,12 +602,7 @@ std::int64_t File::seek(std::int64_t offset, SeekOrigin origin) {
 
 std::int64_t File::tell() { return seek(0, SeekOrigin::Current); }
 
-bool File::close() {
-    if (fd_ < 0) return true;
-    const bool ok = CloseHandle(handleOf(fd_)) != 0;
-    fd_ = -1;
-    return ok;
-}
+bool File::close() { return fd_ < 0 || release(fd_); }
 
 std::int64_t readStandardInput(std::span<std::uint8_t> into) {
     const HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
@@ -651,6 +688,13 @@ std::vector<std::string> utf8Arguments(int argc, char** argv) {
     }
     for (int i = 0; i < argc && argv && argv[i]; ++i) arguments.emplace_back(argv[i]);
     return arguments;
+}
+
+bool hasHiddenAttribute(const std::string& path) {
+    std::wstring wide;
+    WIN32_FILE_ATTRIBUTE_DATA data{};
+    DWORD tag = 0;
+    return toWide(path, wide) && attributesOf(wide, data, tag) && (data.dwFileAttributes & FILE_ATTRIBUTE_HIDDEN);
 }
 
 void useBinaryStandardStreams() {
@@ -773,6 +817,7 @@ struct TemporarySlot {
 
 TemporarySlot Temporaries[kTemporarySlots];
 
+
 int removeTreeByPath(const std::string& path);
 
 void removeRegistered() {
@@ -799,6 +844,9 @@ BOOL WINAPI onConsoleEvent(DWORD event) {
         default: return FALSE;
     }
     EnterCriticalSection(&guard());
+    EnterCriticalSection(&heldLock());
+    for (const HANDLE held : heldHandles()) CloseHandle(held);
+    heldHandles().clear();
     removeRegistered();
     // Not handled here: the system's default handler ends the process as the event does.
     return FALSE;
@@ -962,6 +1010,7 @@ int damagedDataErrorCode() { return ERROR_INVALID_DATA; }
 
 void installTerminationHandling() {
     guard();
+    heldLock();
     SetConsoleCtrlHandler(onConsoleEvent, TRUE);
 }
 
@@ -1192,8 +1241,8 @@ DirectoryHandle& DirectoryHandle::operator=(DirectoryHandle&& other) noexcept {
 }
 
 void DirectoryHandle::close() {
-    if (fd_ >= 0) closeKeepingError(handleOf(fd_));
-    fd_ = -1;
+    KeepError keep;
+    if (fd_ >= 0) release(fd_);
 }
 
 bool DirectoryHandle::open(const std::string& path) {
@@ -1212,7 +1261,7 @@ bool DirectoryHandle::open(const std::string& path) {
         SetLastError(ERROR_DIRECTORY);
         return false;
     }
-    return adopt(handle, fd_);
+    return hold(handle, fd_);
 }
 
 bool DirectoryHandle::openBeneath(const DirectoryHandle& base, const std::string& relative, bool create) {
@@ -1247,7 +1296,7 @@ bool DirectoryHandle::openBeneath(const DirectoryHandle& base, const std::string
         if (next == INVALID_HANDLE_VALUE) return false;
         at = next;
     }
-    return adopt(at, fd_);
+    return hold(at, fd_);
 }
 
 bool DirectoryHandle::linkStatusAt(const std::string& name, Status& out) const {
@@ -1299,7 +1348,7 @@ bool File::createNewAt(const DirectoryHandle& directory, const std::string& name
     for (int round = 0; round < 4; ++round) {
         const HANDLE handle = CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
                                           CREATE_NEW, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
-        if (adopt(handle, fd_)) return true;
+        if (hold(handle, fd_)) return true;
         const DWORD error = GetLastError();
         const DWORD attributes = GetFileAttributesW(path.c_str());
         if (attributes == INVALID_FILE_ATTRIBUTES) {

@@ -12,13 +12,14 @@
 
 namespace platform {
 
-// The log file that -l turns on.
-inline constexpr const char* kWindowsLogFile = "c:\\temp\\varoft.log";
-
 // The program's arguments as UTF-8, taken from the UTF-16 command line
 // (CommandLineToArgvW(GetCommandLineW())), program name first. When the system will not split
 // the command line, argv as the runtime passed it (in the ANSI code page).
 std::vector<std::string> utf8Arguments(int argc, char** argv);
+
+// Whether the entry itself (a link is not followed) carries the hidden attribute; false when it
+// cannot be examined.
+bool hasHiddenAttribute(const std::string& path);
 
 // Puts standard input, output and error in binary mode, so that "\n" is written as one byte
 // and standard input is read as it comes (a print job from a pipe keeps its bytes).

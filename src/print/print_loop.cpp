@@ -70,7 +70,7 @@ int sendChunks(xcb_connection_t* connection, const std::string& name, ChunkSourc
 }  // namespace
 
 std::string remotePrintName(std::string_view path) {
-    const auto slash = path.rfind('/');
+    const auto slash = path.rfind(platform::kSeparator);
     return std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
 }
 

@@ -31,7 +31,7 @@ void runPrintLoop(xcb_connection_t* connection, const std::vector<std::string>& 
 int sendPrintFile(xcb_connection_t* connection, const char* path, std::uint32_t& moreFilesAccepted,
                   const char* suffix, const char* prefix, terminal::Display* display = nullptr);
 
-// The name a local file travels under: the part after its last '/'.
+// The name a local file travels under: the part after its last separator (a backslash on Windows).
 std::string remotePrintName(std::string_view path);
 // The name standard input travels under.
 std::string standardInputPrintName(const char* suffix, const char* prefix, std::uint32_t processId,

@@ -181,7 +181,7 @@ int sendFileBegin(xcb_connection_t* connection, const char* name, std::span<cons
     parts[3] = {nullptr, 0};  // padding of the fixed part: none
     parts[4] = {const_cast<char*>(name), nameLength};
     parts[5] = {const_cast<std::uint8_t*>(data.data()), dataLength};
-    parts[6] = {nullptr, printRequestPadding(nameLength, dataLength)};  // libxcb supplies the zeros
+    parts[6] = {nullptr, static_cast<decltype(iovec::iov_len)>(printRequestPadding(nameLength, dataLength))};  // libxcb supplies the zeros
     return exchange(connection, kBegin, parts, moreFilesAccepted);
 }
 
@@ -195,7 +195,7 @@ int sendFileContinue(xcb_connection_t* connection, std::span<const std::uint8_t>
     parts[2] = {fixed.data(), fixed.size()};
     parts[3] = {nullptr, 0};
     parts[4] = {const_cast<std::uint8_t*>(data.data()), dataLength};
-    parts[5] = {nullptr, printRequestPadding(0, dataLength)};
+    parts[5] = {nullptr, static_cast<decltype(iovec::iov_len)>(printRequestPadding(0, dataLength))};
     return exchange(connection, kContinue, parts, moreFilesAccepted);
 }
 

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 
 #include <fcntl.h>
@@ -18,6 +19,29 @@ namespace {
 
 void setNonBlocking(int fd) { ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK); }
 
+// The argument vector of a run. VAROFT_TEST_PROGRAM puts another build in varoft's place
+// (varoft.exe), started through VAROFT_TEST_LAUNCHER when that is set (wine64; `program` then
+// names what is executed); a display ":N" given to it becomes VAROFT_TEST_DISPLAY_HOST:N, as only
+// TCP reaches the loopback server from there.
+std::vector<std::string> commandLine(std::string& program, const RunOptions& options) {
+    const char* other = std::getenv("VAROFT_TEST_PROGRAM");
+    if (!other || program != varoftBinary()) {
+        std::vector<std::string> line = {options.argv0.empty() ? program : options.argv0};
+        line.insert(line.end(), options.args.begin(), options.args.end());
+        return line;
+    }
+    std::vector<std::string> line;
+    if (const char* launcher = std::getenv("VAROFT_TEST_LAUNCHER")) line.emplace_back(launcher);
+    line.emplace_back(other);
+    program = line.front();
+    const char* host = std::getenv("VAROFT_TEST_DISPLAY_HOST");
+    for (std::size_t i = 0; i < options.args.size(); ++i) {
+        const bool display = i > 0 && (options.args[i - 1] == "-display" || options.args[i - 1] == "-d");
+        line.push_back((display && host && options.args[i].rfind(':', 0) == 0 ? host : "") + options.args[i]);
+    }
+    return line;
+}
+
 }  // namespace
 
 RunningProcess::RunningProcess(const std::string& program, const RunOptions& options) {
@@ -25,9 +49,8 @@ RunningProcess::RunningProcess(const std::string& program, const RunOptions& opt
     if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) return;
     if (options.input && ::pipe2(in, O_CLOEXEC) != 0) return;
 
-    std::vector<std::string> argStore;
-    argStore.push_back(options.argv0.empty() ? program : options.argv0);
-    for (const auto& a : options.args) argStore.push_back(a);
+    std::string executable = program;
+    std::vector<std::string> argStore = commandLine(executable, options);
     std::vector<char*> argv;
     for (auto& a : argStore) argv.push_back(a.data());
     argv.push_back(nullptr);
@@ -66,7 +89,7 @@ RunningProcess::RunningProcess(const std::string& program, const RunOptions& opt
             ::signal(SIGXFSZ, SIG_IGN);
         }
         if (!options.workingDirectory.empty() && ::chdir(options.workingDirectory.c_str()) != 0) ::_exit(127);
-        ::execve(program.c_str(), argv.data(), envp.data());
+        ::execve(executable.c_str(), argv.data(), envp.data());
         ::_exit(127);
     }
     ::close(out[1]);
