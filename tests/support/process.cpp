@@ -80,6 +80,16 @@ RunningProcess::RunningProcess(const std::string& program, const RunOptions& opt
         inFd_ = in[1];
         input_ = *options.input;
         setNonBlocking(inFd_);
+        feedInput();  // what fits now: a child may wait for its input before the test waits for it
+    }
+}
+
+void RunningProcess::feedInput() {
+    const ssize_t w = ::write(inFd_, input_.data() + inputDone_, input_.size() - inputDone_);
+    if (w > 0) inputDone_ += static_cast<std::size_t>(w);
+    if ((w < 0 && errno != EAGAIN) || inputDone_ == input_.size()) {
+        ::close(inFd_);
+        inFd_ = -1;
     }
 }
 
@@ -99,7 +109,6 @@ void RunningProcess::signal(int number) {
 RunResult RunningProcess::wait(std::chrono::milliseconds timeout) {
     if (done_ || pid_ <= 0) return result_;
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    std::size_t inputDone = 0;
     char buffer[65536];
     while (outFd_ >= 0 || errFd_ >= 0) {
         pollfd fds[3];
@@ -117,12 +126,7 @@ RunResult RunningProcess::wait(std::chrono::milliseconds timeout) {
         for (int i = 0; i < n; ++i) {
             if (fds[i].revents == 0) continue;
             if (fds[i].fd == inFd_) {
-                const ssize_t w = ::write(inFd_, input_.data() + inputDone, input_.size() - inputDone);
-                if (w > 0) inputDone += static_cast<std::size_t>(w);
-                if (w < 0 || inputDone == input_.size()) {
-                    ::close(inFd_);
-                    inFd_ = -1;
-                }
+                feedInput();
                 continue;
             }
             const ssize_t r = ::read(fds[i].fd, buffer, sizeof buffer);

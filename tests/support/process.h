@@ -45,10 +45,13 @@ public:
     void signal(int number);
 
 private:
+    void feedInput();
+
     int pid_ = -1;
     int outFd_ = -1;
     int errFd_ = -1;
     std::string input_;
+    std::size_t inputDone_ = 0;
     int inFd_ = -1;
     bool done_ = false;
     RunResult result_;
