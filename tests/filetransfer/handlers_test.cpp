@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <random>
 
 #include "archive/archive_support.h"
 #include "common/log.h"
@@ -23,13 +22,7 @@ TransferEvent ev(std::uint8_t direction, std::uint8_t objectType, std::uint8_t k
                  std::string a = "desk.txt") {
     return TransferEvent{direction, objectType, 0, kind, 0, std::move(a), std::move(b), {}};
 }
-Bytes bytesOf(std::string_view s) { return Bytes(s.begin(), s.end()); }
-Bytes pattern(std::size_t size) {
-    std::minstd_rand next(7);
-    Bytes out(size);
-    for (auto& b : out) b = static_cast<std::uint8_t>(next() >> 7);
-    return out;
-}
+Bytes pattern(std::size_t size) { return archivetest::toBytes(archivetest::repeatText(size)); }
 using Fields = std::tuple<int, int, int, int, std::uint64_t, std::string, std::string>;
 Fields fieldsOf(const Sent& s) {
     const TransferHeader& h = s.header;
@@ -112,12 +105,12 @@ TEST_F(Handlers, StoreReplacesOnlyWhatArrivedWhole) {
             EXPECT_EQ(s.ask(ev(2, 1, 0, file)).header.kind, kReplyTargetExists);
         }
         EXPECT_EQ(fieldsOf(s.ask(ev(2, 1, existing ? 2 : 0, file))), Fields(2, 1, 0, 3, 0, "desk.txt", file));
-        const Bytes content = existing ? bytesOf("new") : pattern(300000);
+        const Bytes content = existing ? archivetest::toBytes("new") : pattern(300000);
         push(s, ev(2, 1, 4, file), content, 65536 + 3);
         EXPECT_EQ(fs::exists(file) ? readFile(file) : "-", existing ? "old" : "-");
         s.transfer(ev(2, 1, abort ? 7 : 8, file));
         EXPECT_TRUE(s.wire.take().empty());
-        EXPECT_EQ(bytesOf(readFile(file)), abort ? bytesOf("old") : content);
+        EXPECT_EQ(archivetest::toBytes(readFile(file)), abort ? archivetest::toBytes("old") : content);
         EXPECT_EQ(s.ask(ev(2, 1, 4, file)).header.kind, kReplyNoTransfer);
     }
     EXPECT_EQ(testsupport::namesIn(dir.path()), (std::vector<std::string>{"new", "old"}));
@@ -154,7 +147,7 @@ TEST_F(Handlers, EventsOutOfOrderAndNamesThatAreKept) {
     writeFile(file, "abc");
     s.ask(ev(1, 1, 0, file, "first-a"));
     Sent r = s.ask(ev(1, 1, 5, "", ""));  // both empty: the earlier names stay
-    EXPECT_EQ(std::tie(r.header.nameA, r.header.nameB, r.block), std::make_tuple("first-a", file, bytesOf("abc")));
+    EXPECT_EQ(std::tie(r.header.nameA, r.header.nameB, r.block), std::make_tuple("first-a", file, archivetest::toBytes("abc")));
     r = s.ask(ev(1, 1, 11, file, std::string(1024, 'z')));  // an unknown kind ends the transfer
     EXPECT_EQ(std::tie(r.header.kind, r.header.nameA, r.header.nameB), std::make_tuple(8, "first-a", file));
     // Names of 1023 bytes are taken (up to a NUL byte); 1024 bytes are not.
@@ -173,7 +166,7 @@ TEST_F(Handlers, EventsThatLieAreDropped) {
     const std::string file = at("target");
     s.ask(ev(2, 1, 0, file));
     TransferEvent chunk = ev(2, 1, 4, file);
-    chunk.data = bytesOf("abcd");
+    chunk.data = archivetest::toBytes("abcd");
     Bytes longData = loopback::encodeTransferEvent(chunk), longName = longData;
     bytes::put32(longData, 16, 1u << 20);
     bytes::put16(longName, 12, 900);
@@ -213,7 +206,7 @@ TEST_F(Handlers, SessionEndAndRefusalsEndTheRun) {
         writeFile(sent, "abc");
         s.ask(ev(1, 1, 0, sent));
         s.ask(ev(2, 1, 0, received));
-        push(s, ev(2, 1, 4, received), bytesOf("part"));
+        push(s, ev(2, 1, 4, received), archivetest::toBytes("part"));
         testing::internal::CaptureStderr();
         const Outcome o = s.transfer(ev(2, 1, kind));
         EXPECT_EQ(testing::internal::GetCapturedStderr(), message);
