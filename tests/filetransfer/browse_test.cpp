@@ -121,6 +121,8 @@ TEST_F(Browse, ListingShowsVisibleEntriesFollowingLinksWithoutOpeningSpecialFile
     makeFile(docs / "paper.pdf", std::string("%PDF-1.7\n\x01\x02\x03\xff", 13));
     makeFile(docs / "tool.bin", std::string("\x7f" "ELF\x02\x01\x00\x00", 8));
     makeFile(docs / ".profile", "hidden\n");
+    makeFile(docs / "empty.txt", "");
+    makeFile(docs / "late.txt", std::string(600, 'z') + '\0');  // only the first 512 bytes are looked at
     fs::create_directories(docs / "sub");
     touch(docs / "sub", kTime + 1);
     // Links are followed, a dangling one shows its own time; a FIFO opened to be classified
@@ -149,7 +151,8 @@ TEST_F(Browse, ListingShowsVisibleEntriesFollowingLinksWithoutOpeningSpecialFile
     const std::string t = std::to_string(kTime);
     const std::map<std::string, Shown> expected = {
         {"notes.txt", {'t', 12, t}}, {"page.ps", {'p', 24, t}}, {"paper.pdf", {'a', 13, t}},
-        {"tool.bin", {'b', 8, t}}, {"sub", {1, 0, std::to_string(kTime + 1)}},
+        {"tool.bin", {'b', 8, t}}, {"empty.txt", {'t', 0, t}}, {"late.txt", {'t', 601, t}},
+        {"sub", {1, 0, std::to_string(kTime + 1)}},
         {"..", {1, 0, std::to_string(kTime + 3)}}, {"to-file", {'t', 12, t}},
         {"to-dir", {1, 0, std::to_string(kTime + 5)}}, {"dangling", {'b', 0, std::to_string(kTime + 9)}},
         {"pipe", {'b', 0, t}}, {"sparse.img", {'b', big, t}},

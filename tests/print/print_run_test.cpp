@@ -2,6 +2,9 @@
 // print request from the test, checking the requests byte for byte and the messages exactly.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <optional>
 #include <string>
@@ -27,8 +30,9 @@ std::string textOfSize(std::size_t size) {
     return text;
 }
 
-// Files of every size go in exact requests; rejections (with and without a reason) and X errors
-// let later files go, until code 2 stops the loop, even in the middle of a file.
+// Each name is looked at afresh: what cannot be printed is skipped without a request. Files of
+// every size go in exact requests; rejections (with and without a reason) and X errors let later
+// files go, until code 2 stops the loop, even in the middle of a file.
 TEST(PrintRun, FilesGoInExactRequestsUntilCodeTwo) {
     std::string error;
     const auto server = loopback::XServer::start(loopback::ServerOptions{}, &error);
@@ -40,7 +44,12 @@ TEST(PrintRun, FilesGoInExactRequestsUntilCodeTwo) {
         {"empty.txt", ""}, {"one.txt", "x"},     {"exact.txt", exact},  {"long.ps", longer},
         {"a.txt", "first"}, {"b.txt", "second"}, {"c.txt", "third"},   {"d.txt", "fourth"},
         {"e.txt", exact + "0123456789"},         {"f.txt", "never sent"}};
-    std::vector<std::string> files;
+    const std::string refused[] = {dir.str(), (dir / "dangling.txt").string(), (dir / "pipe").string(),
+                                   (dir / "image.gif").string()};
+    ASSERT_EQ(::symlink((dir / "gone.txt").c_str(), refused[1].c_str()), 0);
+    ASSERT_EQ(::mkfifo(refused[2].c_str(), 0600), 0);
+    testsupport::writeFile(refused[3], std::string("GIF89a\x01\x00\x01\x00\x00\x00", 12));
+    std::vector<std::string> files(std::begin(refused), std::end(refused));
     for (const auto& [name, content] : contents) {
         testsupport::writeFile(dir / name, content);
         files.push_back((dir / name).string());
@@ -88,15 +97,19 @@ TEST(PrintRun, FilesGoInExactRequestsUntilCodeTwo) {
     const auto result = process.wait(20s);
     EXPECT_EQ(result.exitCode, 0);
     std::string expected = "varoft - Varo File Transfer and Remote Print Utility, Version 12.5\n\n";
-    for (int i = 0; i < 4; ++i) expected += "Sending file " + files[i] + "\nFile successfully sent\n";
+    const char* const refusals[] = {"\" is a directory, cannot send.\n", "\" file not found\n",
+                                    "\" is not a regular file, cannot send\n",
+                                    "\" is not a plain text or Postscript file and cannot be printed.\n"};
+    for (int i = 0; i < 4; ++i) expected += "Sending file " + refused[i] + "\n\"" + refused[i] + refusals[i];
+    for (int i = 4; i < 8; ++i) expected += "Sending file " + files[i] + "\nFile successfully sent\n";
     const auto failed = [&](int i) { return "Error while sending file \"" + files[i] + "\"\n"; };
-    expected += "Sending file " + files[4] + "\nServer rejected file. Reason: \"out of paper\"\n" + failed(4) +
+    expected += "Sending file " + files[8] + "\nServer rejected file. Reason: \"out of paper\"\n" + failed(8) +
                 // Without a reason the rejection line has no newline of its own.
-                "Sending file " + files[5] + "\nServer rejected file" + failed(5) + "Sending file " + files[6] +
+                "Sending file " + files[9] + "\nServer rejected file" + failed(9) + "Sending file " + files[10] +
                 "\nX Protocol error Number: 2(Value)\n\tSequence: " + std::to_string(sequence) + "\n\tMajor, Minor: " +
-                std::to_string(opcode) + ",1\n\tResource ID: 4660\nError receiving File Begin reply\n" + failed(6) +
-                "Sending file " + files[7] + "\nFile successfully sent\nSending file " + files[8] +
-                "\nServer rejected file. Reason: \"queue full\"\n" + failed(8) + "X Server will not accept more files\n";
+                std::to_string(opcode) + ",1\n\tResource ID: 4660\nError receiving File Begin reply\n" + failed(10) +
+                "Sending file " + files[11] + "\nFile successfully sent\nSending file " + files[12] +
+                "\nServer rejected file. Reason: \"queue full\"\n" + failed(12) + "X Server will not accept more files\n";
     EXPECT_EQ(result.err, expected);
 }
 
