@@ -11,25 +11,17 @@ namespace {
 using testsupport::TempDir;
 using testsupport::writeFile;
 
-// argv as the parsers see it: argv[0] is the program.
-struct Args {
-    std::vector<std::string> store;
-    std::vector<char*> ptrs;
-    explicit Args(std::vector<std::string> list) {
-        store.emplace_back("varoft");
-        for (auto& a : list) store.push_back(std::move(a));
-        for (auto& s : store) ptrs.push_back(s.data());
-        ptrs.push_back(nullptr);
-    }
-    int argc() const { return static_cast<int>(store.size()); }
-    char** argv() { return ptrs.data(); }
-};
-
-Options parsed;
-ParseResult transfer(std::vector<std::string> list) {
-    Args a(std::move(list));
-    return parseTransferOptions(a.argc(), a.argv(), parsed);
+// Runs a parser on argv as it sees it: argv[0] is the program.
+template <typename Parse>
+ParseResult parseWith(Parse parse, std::vector<std::string> args, Options& out) {
+    args.insert(args.begin(), "varoft");
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    return parse(static_cast<int>(args.size()), argv.data(), out);
 }
+Options parsed;
+ParseResult transfer(std::vector<std::string> list) { return parseWith(parseTransferOptions, std::move(list), parsed); }
 
 constexpr auto Ok = ParseResult::Run;
 constexpr auto Usage = ParseResult::Usage;
@@ -86,10 +78,7 @@ protected:
         for (const char* name : {"docs/b.txt", "docs/a.txt", "docs/.hidden.txt", "docs/c.pdf", "single"})
             writeFile(dir / name, "x");
     }
-    ParseResult parse(std::vector<std::string> list) {
-        Args a(std::move(list));
-        return parsePrintOptions(a.argc(), a.argv(), options);
-    }
+    ParseResult parse(std::vector<std::string> list) { return parseWith(parsePrintOptions, std::move(list), options); }
     std::string path(const std::string& rel) const { return (dir / rel).string(); }
     std::vector<std::string> paths(std::initializer_list<const char*> rel) const {
         std::vector<std::string> out;

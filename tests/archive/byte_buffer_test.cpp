@@ -6,19 +6,6 @@
 
 namespace {
 
-TEST(ByteBuffer, GrowingKeepsTheContent) {
-    ByteBufferPtr buffer;
-    byteBufferReserve(buffer, 17000);
-    ASSERT_TRUE(buffer);
-    buffer->length = 17000;
-    for (std::uint32_t i = 0; i < 17000; ++i) byteBufferData(buffer.get())[i] = static_cast<std::uint8_t>(i * 7);
-    byteBufferReserve(buffer, 100000);
-    EXPECT_GE(byteBufferCapacity(buffer.get()), 117000u);
-    ASSERT_EQ(byteBufferLength(buffer.get()), 17000u);
-    for (std::uint32_t i = 0; i < 17000; ++i)
-        ASSERT_EQ(byteBufferData(buffer.get())[i], static_cast<std::uint8_t>(i * 7)) << i;
-}
-
 std::string lastReport;
 
 TEST(ByteBuffer, MoreThanFourGigabytesIsRefusedAndReported) {

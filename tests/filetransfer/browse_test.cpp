@@ -105,11 +105,6 @@ protected:
         }
         return out;
     }
-    Sent request(std::uint16_t type, const Bytes& payload) {
-        s.send(type, payload);
-        auto sent = s.wire.take();
-        return sent.size() == 1 ? sent[0] : Sent{};
-    }
     static void expectStatus(const Sent& st, int kind, const std::string& path, const std::string& error) {
         EXPECT_EQ(std::tie(st.minor, st.requestKind, st.failed, st.path, st.error),
                   std::make_tuple(119, kind, !error.empty(), path, error));
@@ -126,6 +121,8 @@ TEST_F(Browse, ListingShowsVisibleEntriesFollowingLinksWithoutOpeningSpecialFile
     makeFile(docs / "paper.pdf", std::string("%PDF-1.7\n\x01\x02\x03\xff", 13));
     makeFile(docs / "tool.bin", std::string("\x7f" "ELF\x02\x01\x00\x00", 8));
     makeFile(docs / ".profile", "hidden\n");
+    makeFile(docs / "empty.txt", "");
+    makeFile(docs / "late.txt", std::string(600, 'z') + '\0');  // only the first 512 bytes are looked at
     fs::create_directories(docs / "sub");
     touch(docs / "sub", kTime + 1);
     // Links are followed, a dangling one shows its own time; a FIFO opened to be classified
@@ -154,7 +151,8 @@ TEST_F(Browse, ListingShowsVisibleEntriesFollowingLinksWithoutOpeningSpecialFile
     const std::string t = std::to_string(kTime);
     const std::map<std::string, Shown> expected = {
         {"notes.txt", {'t', 12, t}}, {"page.ps", {'p', 24, t}}, {"paper.pdf", {'a', 13, t}},
-        {"tool.bin", {'b', 8, t}}, {"sub", {1, 0, std::to_string(kTime + 1)}},
+        {"tool.bin", {'b', 8, t}}, {"empty.txt", {'t', 0, t}}, {"late.txt", {'t', 601, t}},
+        {"sub", {1, 0, std::to_string(kTime + 1)}},
         {"..", {1, 0, std::to_string(kTime + 3)}}, {"to-file", {'t', 12, t}},
         {"to-dir", {1, 0, std::to_string(kTime + 5)}}, {"dangling", {'b', 0, std::to_string(kTime + 9)}},
         {"pipe", {'b', 0, t}}, {"sparse.img", {'b', big, t}},
@@ -237,7 +235,7 @@ TEST_F(Browse, DeleteNeverFollowsLinksAndRenameNeverReplaces) {
         {d + "/locked/.", "Invalid argument"},  // "." or ".." is refused before anything in it goes
         {"/", "Permission denied"},
     };
-    for (const auto& [path, error] : deletes) expectStatus(request(75, loopback::encodeDeleteFile(path)), 3, path, error);
+    for (const auto& [path, error] : deletes) expectStatus(s.ask(75, loopback::encodeDeleteFile(path)), 3, path, error);
     for (const char* name : {"gone.txt", "tree", "out-link", "slash-link"})
         EXPECT_FALSE(fs::exists(fs::symlink_status(docs / name))) << name;
     EXPECT_EQ(testsupport::readFile(precious), "keep\n");
@@ -245,7 +243,7 @@ TEST_F(Browse, DeleteNeverFollowsLinksAndRenameNeverReplaces) {
     if (::geteuid() != 0) {
         // The directory itself cannot be removed once its file stayed.
         fs::permissions(docs / "locked", fs::perms::owner_read | fs::perms::owner_exec);
-        expectStatus(request(75, loopback::encodeDeleteFile(d + "/locked")), 3, d + "/locked", "Directory not empty");
+        expectStatus(s.ask(75, loopback::encodeDeleteFile(d + "/locked")), 3, d + "/locked", "Directory not empty");
         fs::permissions(docs / "locked", fs::perms::owner_all);
     }
 
@@ -258,13 +256,13 @@ TEST_F(Browse, DeleteNeverFollowsLinksAndRenameNeverReplaces) {
         {d + "/absent", d + "/other", "No such file or directory"},
     };
     for (const auto& [from, to, error] : renames)
-        expectStatus(request(93, loopback::encodeRenameFile(from, to)), 2, from, error);
+        expectStatus(s.ask(93, loopback::encodeRenameFile(from, to)), 2, from, error);
     EXPECT_EQ(testsupport::readFile(docs / "renamed.txt"), "draft.txt");
     EXPECT_EQ(testsupport::readFile(docs / "final.txt"), "final.txt");
     EXPECT_TRUE(fs::is_directory(docs / "moved"));
     // Without both names nothing happens and nothing is answered.
-    EXPECT_EQ(request(93, loopback::encodeRenameFile(d + "/final.txt", "")).minor, 0);
-    EXPECT_EQ(request(93, loopback::encodeRenameFile("", d + "/new.txt")).minor, 0);
+    EXPECT_EQ(s.ask(93, loopback::encodeRenameFile(d + "/final.txt", "")).minor, 0);
+    EXPECT_EQ(s.ask(93, loopback::encodeRenameFile("", d + "/new.txt")).minor, 0);
     EXPECT_TRUE(fs::exists(docs / "final.txt"));
 }
 

@@ -8,6 +8,7 @@
 #include "common/bytes.h"
 #include "filetransfer/framing.h"
 #include "filetransfer/protocol.h"
+#include "recording_wire.h"
 
 namespace {
 
@@ -57,19 +58,6 @@ TEST(FileTransferStatusEncoding, ExactBytes) {
               (Bytes{140, 119, 4, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
 }
 
-// An event buffer as libxcb delivers it: 32 bytes, the full sequence, then the payload.
-Bytes eventBuffer(const Bytes& payload) {
-    Bytes b(36, 0);
-    b[0] = 35;
-    b[1] = 140;
-    bytes::put16(b, 2, 7);
-    const std::size_t padded = (payload.size() + 3) / 4 * 4;
-    bytes::put32(b, 4, static_cast<std::uint32_t>(padded / 4));
-    bytes::put16(b, 8, 90);
-    bytes::Writer(b).raw(payload).zeros(padded - payload.size());
-    return b;
-}
-
 Bytes transferPayload(std::uint8_t kind, std::uint16_t lengthA, std::uint16_t lengthB, std::uint32_t dataLength,
                       const Bytes& tail) {
     Bytes p;
@@ -99,10 +87,10 @@ TEST(TransferRequestDecoding, LengthsThatLieAreRefused) {
     };
     for (const auto& c : cases) {
         TransferRequest t;
-        EXPECT_EQ(decodeTransferRequest(eventBuffer(c.payload), t), c.accepted) << testing::PrintToString(c.payload);
+        EXPECT_EQ(decodeTransferRequest(fttest::eventOf(90, c.payload), t), c.accepted) << testing::PrintToString(c.payload);
     }
     // The event header needs the 32 bytes of every event.
-    const Bytes header = eventBuffer({});
+    const Bytes header = fttest::eventOf(90, Bytes{});
     EXPECT_EQ(decodeGenericEventHeader(header).value_or(GenericEventHeader{}).eventType, 90);
     EXPECT_FALSE(decodeGenericEventHeader(std::span<const std::uint8_t>(header).first(31)));
 }

@@ -40,28 +40,14 @@ public:
 
 protected:
     void writeReply(const TransferHeader& header, std::span<const std::uint8_t> data) override {
-        Sent s;
-        s.minor = kFileTransferReplyOpcode;
-        s.header = header;
-        s.block.assign(data.begin(), data.end());
-        sent.push_back(std::move(s));
+        sent.push_back({.minor = kFileTransferReplyOpcode, .header = header, .block = Bytes(data.begin(), data.end())});
     }
     void writeStatus(std::string_view path, std::uint8_t kind, bool failed, std::string_view error) override {
-        Sent s;
-        s.minor = kFileTransferStatusOpcode;
-        s.path = path;
-        s.requestKind = kind;
-        s.failed = failed;
-        s.error = error;
-        sent.push_back(std::move(s));
+        sent.push_back({.minor = kFileTransferStatusOpcode, .path = std::string(path), .requestKind = kind,
+                        .failed = failed, .error = std::string(error)});
     }
     void writeListItem(const FileListItemFields& item) override {
-        Sent s;
-        s.minor = kFileListItemOpcode;
-        s.size = item.size;
-        s.type = item.type;
-        s.path = item.name;
-        sent.push_back(std::move(s));
+        sent.push_back({.minor = kFileListItemOpcode, .path = std::string(item.name), .size = item.size, .type = item.type});
     }
     void writeFlush() override { ++flushes; }
 };
@@ -83,11 +69,12 @@ struct Served {
     Outcome send(std::uint16_t type, const Bytes& payload) { return dispatchEvent(session, kExtension, eventOf(type, payload)); }
     Outcome transfer(const loopback::TransferEvent& e) { return send(kTransferRequest, loopback::encodeTransferEvent(e)); }
     // Sends the event and returns the one request it was answered with (minor 0: none or several).
-    Sent ask(const loopback::TransferEvent& e) {
-        transfer(e);
+    Sent ask(std::uint16_t type, const Bytes& payload) {
+        send(type, payload);
         auto answers = wire.take();
         return answers.size() == 1 ? answers.front() : Sent{};
     }
+    Sent ask(const loopback::TransferEvent& e) { return ask(kTransferRequest, loopback::encodeTransferEvent(e)); }
     RecordingWire wire;
     Session session;
 };

@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -22,6 +21,7 @@
 #include "filetransfer/protocol.h"
 #include "filetransfer/session.h"
 #include "filetransfer/wire.h"
+#include "outside.h"
 
 namespace {
 
@@ -29,7 +29,6 @@ namespace fs = std::filesystem;
 using Bytes = std::vector<std::uint8_t>;
 
 constexpr std::uint8_t kExtension = 140;
-constexpr const char* kVictimText = "outside the scratch directory";
 
 // Encodes every request as the far side would receive it; keeps the last reply's block.
 class EncodingWire : public Wire {
@@ -49,67 +48,30 @@ protected:
     void writeFlush() override {}
 };
 
+// The scratch directory every name of the events lies below, and the working directory an empty
+// or relative path would reach, holding one file that must stay.
 struct Place {
-    fs::path outer;    // holds only the scratch directory, the working directory and the victim
-    fs::path scratch;  // every name of the events lies below it
-    fs::path cwd;      // the working directory: one file that must stay
-    fs::path victim;
+    fs::path outer = outside::makePlace("varoft-session-fuzz");
+    fs::path scratch = outer / "scratch", cwd = outer / "cwd", victim = outer / "victim";
+    Place() {
+        fs::create_directory(scratch);
+        fs::create_directory(cwd);
+        outside::writeText(victim);
+        outside::writeText(cwd / "keep");
+        if (::chdir(cwd.c_str()) != 0) std::abort();
+    }
 };
 
-void writeText(const fs::path& path, const char* text) {
-    if (FILE* f = std::fopen(path.c_str(), "wb")) {
-        std::fputs(text, f);
-        std::fclose(f);
-    }
-}
-
-std::string readText(const fs::path& path) {
-    char text[64] = {};
-    FILE* f = std::fopen(path.c_str(), "rb");
-    const std::size_t n = f ? std::fread(text, 1, sizeof text - 1, f) : 0;
-    if (f) std::fclose(f);
-    return std::string(text, n);
-}
-
 Place& place() {
-    static Place p = [] {
-        Place made;
-        std::string templ = (fs::temp_directory_path() / "varoft-session-fuzz-XXXXXX").string();
-        if (!::mkdtemp(templ.data())) std::abort();
-        made.outer = templ;
-        made.scratch = made.outer / "scratch";
-        made.cwd = made.outer / "cwd";
-        made.victim = made.outer / "victim";
-        fs::create_directory(made.scratch);
-        fs::create_directory(made.cwd);
-        writeText(made.victim, kVictimText);
-        writeText(made.cwd / "keep", kVictimText);
-        if (::chdir(made.cwd.c_str()) != 0) std::abort();  // what an empty or relative path would reach
-        std::atexit([] {
-            std::error_code ec;
-            fs::remove_all(place().outer, ec);
-        });
-        return made;
-    }();
+    static Place p;
     return p;
 }
 
-[[noreturn]] void touchedOutside(const std::string& what) {
-    std::fprintf(stderr, "touched outside the scratch directory: %s\n", what.c_str());
-    std::abort();
-}
-
 void checkOutside(const Place& p) {
+    outside::check(p.outer, {p.scratch, p.cwd, p.victim}, {p.victim, p.cwd / "keep"});
+    outside::check(p.cwd, {p.cwd / "keep"}, {});
     std::error_code ec;
-    for (const auto& entry : fs::directory_iterator(p.outer, ec)) {
-        const fs::path& path = entry.path();
-        if (path != p.scratch && path != p.cwd && path != p.victim) touchedOutside(path);
-    }
-    for (const auto& entry : fs::directory_iterator(p.cwd, ec))
-        if (entry.path().filename() != "keep") touchedOutside(entry.path());
-    for (const fs::path& file : {p.victim, p.cwd / "keep"})
-        if (!fs::is_regular_file(fs::symlink_status(file, ec)) || readText(file) != kVictimText) touchedOutside(file);
-    if (!fs::is_directory(fs::symlink_status(p.scratch, ec))) touchedOutside(p.scratch);
+    if (!fs::is_directory(fs::symlink_status(p.scratch, ec))) outside::touched(p.scratch);
 }
 
 void emptyScratch(const Place& p) {

@@ -15,49 +15,28 @@
 #include "archive/dir_unpack_stream.h"
 #include "archive/local_record_parser.h"
 #include "archive/stream.h"
+#include "outside.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kVictimText = "outside the target";
-
+// The target, a file outside it that must stay as it is and a directory outside it that must
+// stay empty; one unpack stream lives for the process, as in the program.
 struct Place {
-    fs::path outer;      // holds only the target, the victim and the other directory
-    fs::path target;
-    fs::path victim;     // a file outside the target that must stay as it is
-    fs::path elsewhere;  // a directory outside the target that must stay empty
-    void* stream = nullptr;
+    fs::path outer = outside::makePlace("varoft-fuzz");
+    fs::path target = outer / "target", victim = outer / "victim", elsewhere = outer / "elsewhere";
+    void* stream = createDirUnpackStream();
+    Place() {
+        fs::create_directory(target);
+        fs::create_directory(elsewhere);
+        outside::writeText(victim);
+    }
 };
 
 Place& place() {
-    static Place p = [] {
-        Place made;
-        std::string templ = (fs::temp_directory_path() / "varoft-fuzz-XXXXXX").string();
-        if (!::mkdtemp(templ.data())) std::abort();
-        made.outer = templ;
-        made.target = made.outer / "target";
-        made.victim = made.outer / "victim";
-        made.elsewhere = made.outer / "elsewhere";
-        fs::create_directory(made.target);
-        fs::create_directory(made.elsewhere);
-        if (FILE* f = std::fopen(made.victim.c_str(), "wb")) {
-            std::fputs(kVictimText, f);
-            std::fclose(f);
-        }
-        made.stream = createDirUnpackStream();  // lives for the process, as in the program
-        std::atexit([] {
-            std::error_code ec;
-            fs::remove_all(place().outer, ec);
-        });
-        return made;
-    }();
+    static Place p;
     return p;
-}
-
-[[noreturn]] void touchedOutside(const char* what) {
-    std::fprintf(stderr, "touched outside the target: %s\n", what);
-    std::abort();
 }
 
 // Layout bit 0: files in the way of the seeds' entries; bit 1: links to a directory outside in
@@ -80,18 +59,9 @@ void plantTraps(const Place& p, unsigned layout) {
 }
 
 void checkOutsideAndEmptyTarget(const Place& p) {
+    outside::check(p.outer, {p.target, p.victim, p.elsewhere}, {p.victim});
     std::error_code ec;
-    for (const auto& entry : fs::directory_iterator(p.outer, ec)) {
-        const fs::path& path = entry.path();
-        if (path != p.target && path != p.victim && path != p.elsewhere) touchedOutside(path.c_str());
-    }
-    if (!fs::is_empty(p.elsewhere, ec)) touchedOutside(p.elsewhere.c_str());
-    if (!fs::is_regular_file(fs::symlink_status(p.victim, ec))) touchedOutside(p.victim.c_str());
-    char text[64] = {};
-    FILE* f = std::fopen(p.victim.c_str(), "rb");
-    const std::size_t n = f ? std::fread(text, 1, sizeof text - 1, f) : 0;
-    if (f) std::fclose(f);
-    if (std::string(text, n) != kVictimText) touchedOutside(p.victim.c_str());
+    if (!fs::is_empty(p.elsewhere, ec)) outside::touched(p.elsewhere);
     for (const auto& entry : fs::directory_iterator(p.target, ec)) fs::remove_all(entry.path(), ec);
 }
 

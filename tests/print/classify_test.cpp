@@ -1,13 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "print/classify.h"
-#include "support/temp_dir.h"
 
 namespace {
 
@@ -56,23 +53,6 @@ TEST(Classify, TheAsciiTestLooksAtThe512ByteWindowOnly) {
     // A 512-byte buffer is examined to its last byte, a shorter one is not.
     EXPECT_EQ(classify(std::string(511, 'y') + '\x01'), PrintContent::Binary);
     EXPECT_EQ(classify(std::string(510, 'y') + '\x01'), PrintContent::Text);
-}
-
-TEST(Classify, FilesByTheirFirstBytesAndNonRegularOnesUnopened) {
-    testsupport::TempDir dir;
-    std::string late(4096, 'z');
-    late[600] = '\0';  // only the first 512 bytes are read
-    for (const auto& [content, letter] : std::vector<std::pair<std::string, char>>{
-             {"abc", 't'}, {"", 't'}, {late, 't'}, {"%!PS-Adobe-3.0 EPSF-3.0\n", 'p'},
-             {"%PDF-1.7\n\xFF\xFE\x00\x01"s, 'a'}, {"GIF89a\x00\x01"s, 'b'}}) {
-        testsupport::writeFile(dir / "file", content);
-        EXPECT_EQ(classifyPrintFile((dir / "file").string()), letter) << testing::PrintToString(content);
-    }
-    EXPECT_EQ(classifyPrintFile((dir / "missing").string()), 'b');
-    EXPECT_EQ(classifyPrintFile(dir.str()), 'b');
-    // Opening a FIFO for reading would block until a writer comes: this must return at once.
-    ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
-    EXPECT_EQ(classifyPrintFile((dir / "fifo").string()), 'b');
 }
 
 }  // namespace

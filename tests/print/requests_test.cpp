@@ -1,9 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstdlib>
 #include <tuple>
 #include <utility>
 #include <string>
@@ -12,7 +8,6 @@
 #include "common/log.h"
 #include "print/print_loop.h"
 #include "print/requests.h"
-#include "support/temp_dir.h"
 
 namespace {
 
@@ -100,36 +95,11 @@ TEST(PrintMessages, XErrorsAndFailuresWithoutAServer) {
     setLogVerbosity(savedVerbosity);
 }
 
-TEST(PrintNames, BaseNamesAndStandardInputNames) {
+TEST(PrintNames, TheRemoteNameIsTheBaseName) {
     EXPECT_EQ(remotePrintName("/home/u/docs/report.pdf"), "report.pdf");
     EXPECT_EQ(remotePrintName("report.pdf"), "report.pdf");
     EXPECT_EQ(remotePrintName("dir\\name.txt"), "dir\\name.txt");
     EXPECT_EQ(remotePrintName("docs/"), "");
-    EXPECT_EQ(standardInputPrintName(nullptr, nullptr, 4321, 1700000000), "stdin43211700000000");
-    EXPECT_EQ(standardInputPrintName(".txt", nullptr, 1, 2), "stdin12.txt");
-    EXPECT_EQ(standardInputPrintName(".ps", "job", 1, 2), "job.ps");
-    EXPECT_EQ(standardInputPrintName(nullptr, "job", 1, 2), "job");
-}
-
-// Each file is looked at afresh before it is sent; what cannot be printed is skipped in order
-// without a request (so no connection is needed).
-TEST(PrintLoop, RefusedNamesAreSkippedInOrder) {
-    testsupport::TempDir dir;
-    const std::string directory = dir.str(), dangling = (dir / "dangling.txt").string(), fifo = (dir / "pipe").string();
-    ASSERT_EQ(::symlink((dir / "gone.txt").c_str(), dangling.c_str()), 0);
-    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-    const std::string binary = (dir / "image.gif").string();
-    testsupport::writeFile(binary, std::string("GIF89a\x01\x00\x01\x00\x00\x00", 12));
-    const std::int32_t saved = logVerbosity();
-    setLogVerbosity(2);
-    testing::internal::CaptureStderr();
-    runPrintLoop(nullptr, {directory, dangling, fifo, binary});
-    setLogVerbosity(saved);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "Sending file " + directory + "\n\"" + directory + "\" is a directory, cannot send.\nSending file " +
-                  dangling + "\n\"" + dangling + "\" file not found\nSending file " + fifo + "\n\"" + fifo +
-                  "\" is not a regular file, cannot send\nSending file " + binary + "\n\"" + binary +
-                  "\" is not a plain text or Postscript file and cannot be printed.\n");
 }
 
 }  // namespace

@@ -47,14 +47,6 @@ private:
     std::unique_ptr<State> state_;
 };
 
-struct PackResult {
-    std::vector<std::uint8_t> bytes;
-    std::size_t files = 0, directories = 0;
-};
-
-// The whole archive in memory, for tests that want to look at it.
-bool packDirectory(const std::filesystem::path& dir, ZipMethod method, PackResult& out, std::string* error);
-
 struct UnpackResult {
     std::size_t files = 0, directories = 0;
     std::uint64_t bytes = 0;
@@ -69,8 +61,5 @@ using ArchiveSource = std::function<std::optional<std::span<const std::uint8_t>>
 // Entry names that would leave `target` (absolute, or climbing with "..") are refused.
 bool unpackStream(const ArchiveSource& next, const std::filesystem::path& target, UnpackResult& out,
                   std::string* error);
-// The same for an archive held in memory.
-bool unpackArchive(std::span<const std::uint8_t> zip, const std::filesystem::path& target, UnpackResult& out,
-                   std::string* error);
 
 }  // namespace loopback

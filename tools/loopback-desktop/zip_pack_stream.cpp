@@ -349,20 +349,4 @@ const char* zipMethodName(ZipMethod method) {
     return "?";
 }
 
-bool packDirectory(const fs::path& dir, ZipMethod method, PackResult& out, std::string* error) {
-    out = {};
-    ZipPackStream stream;
-    if (!stream.open(dir, method, error)) return false;
-    std::vector<std::uint8_t> chunk(65536);
-    for (;;) {
-        const auto n = stream.read(chunk, error);
-        if (!n) return false;
-        if (*n == 0) break;
-        out.bytes.insert(out.bytes.end(), chunk.begin(), chunk.begin() + static_cast<std::ptrdiff_t>(*n));
-    }
-    out.files = stream.files();
-    out.directories = stream.directories();
-    return true;
-}
-
 }  // namespace loopback

@@ -153,15 +153,4 @@ bool unpackStream(const ArchiveSource& next, const fs::path& target, UnpackResul
     return true;
 }
 
-bool unpackArchive(std::span<const std::uint8_t> zip, const fs::path& target, UnpackResult& out, std::string* error) {
-    bool given = false;
-    return unpackStream(
-        [&]() -> std::optional<std::span<const std::uint8_t>> {
-            if (given) return std::span<const std::uint8_t>();
-            given = true;
-            return zip;
-        },
-        target, out, error);
-}
-
 }  // namespace loopback
