@@ -567,6 +567,28 @@ bool File::close() {
     return ok;
 }
 
+// A file's bytes always pass through memory here: there is no pipe that hands them on.
+FilePipe::~FilePipe() { close(); }
+
+bool FilePipe::open(std::size_t) {
+    SetLastError(ERROR_NOT_SUPPORTED);
+    return false;
+}
+
+void FilePipe::close() { held_ = 0; }
+
+std::int64_t FilePipe::fill(File&, std::size_t) { return kCannotMove; }
+
+bool FilePipe::fillZeros(std::size_t) {
+    SetLastError(ERROR_NOT_SUPPORTED);
+    return false;
+}
+
+bool FilePipe::drainTo(int) {
+    SetLastError(ERROR_NOT_SUPPORTED);
+    return held_ == 0;
+}
+
 std::int64_t readStandardInput(std::span<std::uint8_t> into) {
     const HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
     if (input == INVALID_HANDLE_VALUE || input == nullptr) {
