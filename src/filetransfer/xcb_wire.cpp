@@ -102,7 +102,7 @@ std::int64_t XcbWire::writeReplyFromFile(const TransferHeader& header, platform:
     const ReplyParts names = replyParts(header, {});
     const std::size_t longest = kReplyFixedSize + names.a.size() + names.b.size() + limit + 3;
     const xcb_query_extension_reply_t* extension = xcb_get_extension_data(connection_, &FileTransferExtension);
-    if (!pipe_.isOpen() || !extension || header.direction == kDirectionFromDesktop ||
+    if (!pipe_.isOpen() || !extension || !extension->present || header.direction == kDirectionFromDesktop ||
         longest / 4 > xcb_get_setup(connection_)->maximum_request_length)
         return Wire::writeReplyFromFile(header, file, limit);
 
