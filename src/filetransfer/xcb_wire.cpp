@@ -107,10 +107,7 @@ std::int64_t XcbWire::writeReplyFromFile(const TransferHeader& header, platform:
         return Wire::writeReplyFromFile(header, file, limit);
 
     const std::int64_t count = pipe_.fill(file, limit);
-    if (count == platform::FilePipe::kCannotMove) {
-        pipe_.close();
-        return Wire::writeReplyFromFile(header, file, limit);
-    }
+    if (count == platform::FilePipe::kCannotMove) return Wire::writeReplyFromFile(header, file, limit);
     if (count <= 0) return count;
     logPrint(2, "Sending file transfer reply.\n");
     const auto length = static_cast<std::size_t>(count);
