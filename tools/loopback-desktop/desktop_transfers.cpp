@@ -62,9 +62,10 @@ void Desktop::receiveFromClient(const TransferReply& announce) {
         }
         ++chunks;
         received += reply->block.size();
-        // The next chunk is asked for before this one is written or unpacked, so the client
-        // sends it meanwhile; the messages are the same, in the same order.
-        asked = sendEvent(ask);
+        // The next chunk of a file is asked for before this one is written, so the client sends
+        // it meanwhile; the messages are the same, in the same order. The last one (the
+        // announced size reached) is written first, so the file is whole when the client ends.
+        asked = !directory && received < announce.size && sendEvent(ask);
         return std::span<const std::uint8_t>(reply->block);
     };
     bool broken = false;
