@@ -52,7 +52,7 @@ windows_leg() {
   VAROFT_TEST_PROGRAM=$PWD/build-windows/src/app/varoft.exe VAROFT_TEST_LAUNCHER=$WINELOADER \
     VAROFT_TEST_DISPLAY_HOST=127.0.0.1 \
     ctest --test-dir build --output-on-failure -j "$jobs" --timeout 300 --no-tests=error -R \
-    '^(Driver\.VersionGoesToStandardOutputAlone|EndToEnd\.(SendModes|ExtensionReportedAbsent|LogLinkPlanted)|Directories\.PutDirectory|PrintRun\.StandardInput|LoopbackDesktopProgram\.)'
+    '^(Driver\.VersionGoesToStandardOutputAlone|EndToEnd\.(EachSendingModeMovesItsFileOrTree|ExtensionReportedAbsent|GetReplacesTheTargetOnlyOnceTheFileArrivedWhole|GetDirectoryReplacesTheTargetOnlyOnceTheTreeArrivedWhole))'
 }
 
 echo "== build (optimised)"

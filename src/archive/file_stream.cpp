@@ -114,3 +114,8 @@ void* osCreate() {
 }  // namespace
 
 void* mz_stream_os_create() { return osCreate(); }
+
+platform::File* mz_stream_os_file(void* stream) {
+    if (!stream || static_cast<mz_stream*>(stream)->vtbl != &kOsTable) return nullptr;
+    return &self(stream)->file;
+}

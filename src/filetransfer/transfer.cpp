@@ -6,6 +6,7 @@
 #include <new>
 #include <string>
 
+#include "archive/file_stream.h"
 #include "archive/stream.h"
 #include "common/log.h"
 #include "common/terminal_hints.h"
@@ -260,6 +261,14 @@ Outcome endSending(Session& s) {
 Outcome sendChunk(Session& s) {
     s.keepPath.clear();
     if (!s.current) return sendReply(s, kReplyNoTransfer);
+    // A plain file's bytes go out as they are read, through the wire's own way when it has one.
+    if (platform::File* file = mz_stream_os_file(s.current)) {
+        s.transfer.header.kind = kReplyChunk;
+        const std::int64_t count = s.wire.sendReplyFromFile(s.transfer.header, *file, kChunkSize);
+        if (count <= 0) return endSending(s);
+        s.display.add(static_cast<std::uint64_t>(count));
+        return Outcome::goOn();
+    }
     std::unique_ptr<std::uint8_t[]> chunk(new (std::nothrow) std::uint8_t[kChunkSize]);
     const std::int32_t count =
         chunk ? mz_stream_read(s.current, chunk.get(), static_cast<std::int32_t>(kChunkSize)) : MZ_MEM_ERROR;

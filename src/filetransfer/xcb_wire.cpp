@@ -97,6 +97,51 @@ void XcbWire::writeListItem(const FileListItemFields& item) {
 
 void XcbWire::writeFlush() { xcb_flush(connection_); }
 
+std::int64_t XcbWire::writeReplyFromFile(const TransferHeader& header, platform::File& file, std::size_t limit) {
+    if (!pipeTried_) {
+        pipeTried_ = true;
+        pipe_.open(2 * limit);  // room for the pages a chunk spans and its padding
+    }
+    // The request is written out here in its ordinary form; one that would need another form,
+    // or that drops block C (direction 2), goes the usual way.
+    const ReplyParts names = replyParts(header, {});
+    const std::size_t longest = kReplyFixedSize + names.a.size() + names.b.size() + limit + 3;
+    const xcb_query_extension_reply_t* extension = xcb_get_extension_data(connection_, &FileTransferExtension);
+    if (!pipe_.isOpen() || !extension || !extension->present || header.direction == kDirectionFromDesktop ||
+        longest / 4 > xcb_get_setup(connection_)->maximum_request_length)
+        return Wire::writeReplyFromFile(header, file, limit);
+
+    const std::int64_t count = pipe_.fill(file, limit);
+    if (count == platform::FilePipe::kCannotMove) return Wire::writeReplyFromFile(header, file, limit);
+    if (count <= 0) return count;
+    logPrint(2, "Sending file transfer reply.\n");
+    const auto length = static_cast<std::size_t>(count);
+    const std::size_t variable = names.a.size() + names.b.size() + length;
+    const std::size_t padding = bytes::pad4(variable);
+    if (!pipe_.fillZeros(padding)) {
+        pipe_.close();
+        return -1;
+    }
+    // libxcb numbers the request and writes its head (raw: the opcodes and length are set here);
+    // the block and the padding follow straight from the pipe once the head is out.
+    auto fixed = encodeFileTransferReplyFixed(header, {});
+    bytes::put8(fixed, 0, extension->major_opcode);
+    bytes::put8(fixed, 1, kFileTransferReplyOpcode);
+    bytes::put16(fixed, 2, static_cast<std::uint16_t>((kReplyFixedSize + variable + padding) / 4));
+    bytes::put32(fixed, 20, static_cast<std::uint32_t>(length));
+    iovec vector[2 + 3];
+    vector[2] = part(fixed.data(), fixed.size());
+    vector[3] = part(names.a.data(), names.a.size());
+    vector[4] = part(names.b.data(), names.b.size());
+    static const xcb_protocol_request_t request = {3, &FileTransferExtension, kFileTransferReplyOpcode, 1};
+    if (xcb_send_request(connection_, XCB_REQUEST_RAW, vector + 2, &request) == 0 || xcb_flush(connection_) <= 0) {
+        pipe_.close();  // the connection broke: the run ends on it
+        return count;
+    }
+    pipe_.drainTo(xcb_get_file_descriptor(connection_));  // on failure the connection is shut: the run ends
+    return count;
+}
+
 int runFileTransfer(xcb_connection_t* connection, Session& session) {
     // Null when libxcb gives nothing; the reply's present flag is not consulted.
     const xcb_query_extension_reply_t* extension = xcb_get_extension_data(connection, &FileTransferExtension);

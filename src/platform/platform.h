@@ -130,7 +130,41 @@ public:
     bool close();
 
 private:
+    friend class FilePipe;
     int fd_ = -1;
+};
+
+// A kernel pipe that takes a file's bytes without copying them into this process and hands them
+// on to a socket (splice on Linux): a large send then costs no copy here. Where the system has no
+// such path, open() fails and the caller reads into memory as before.
+class FilePipe {
+public:
+    FilePipe() = default;
+    ~FilePipe();
+    FilePipe(const FilePipe&) = delete;
+    FilePipe& operator=(const FilePipe&) = delete;
+
+    // A pipe that holds at least `capacity` bytes; false where there is none.
+    bool open(std::size_t capacity);
+    bool isOpen() const { return read_ >= 0; }
+    void close();
+    // Moves the file's next bytes (at most `limit`, from its position) behind what the pipe
+    // holds, as File::read reads them: the count, 0 at the end of the file, -1 on failure; or
+    // kCannotMove when this file's bytes do not travel this way, with nothing taken.
+    static constexpr std::int64_t kCannotMove = -2;
+    std::int64_t fill(File& file, std::size_t limit);
+    // `count` zero bytes behind what the pipe holds.
+    bool fillZeros(std::size_t count);
+    std::size_t held() const { return held_; }
+    // Writes everything the pipe holds to the socket, waiting while a non-blocking one is full.
+    // A failure may have sent part of it, and the bytes that follow could no longer be told
+    // apart: the socket is then shut down both ways and the pipe closed.
+    bool drainTo(int socket);
+
+private:
+    int read_ = -1;
+    int write_ = -1;
+    std::size_t held_ = 0;
 };
 
 // Reads from the process's standard input, which stays open for the whole run: byte count,

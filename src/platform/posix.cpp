@@ -14,7 +14,9 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <fnmatch.h>
+#include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
@@ -277,6 +279,85 @@ bool File::close() {
     const int rc = ::close(fd_);
     fd_ = -1;
     return rc == 0;
+}
+
+// ---- a file's bytes on their way to a socket ----------------------------------------------------
+
+FilePipe::~FilePipe() { close(); }
+
+bool FilePipe::open(std::size_t capacity) {
+    close();
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) return false;
+    read_ = fds[0];
+    write_ = fds[1];
+    // The default pipe holds 64 KiB; a larger one may be refused by the system's limits.
+    const int wanted = static_cast<int>(std::min<std::size_t>(capacity, INT32_MAX));
+    if (::fcntl(write_, F_GETPIPE_SZ) < wanted && ::fcntl(write_, F_SETPIPE_SZ, wanted) < wanted) {
+        const int saved = errno;
+        close();
+        errno = saved;
+        return false;
+    }
+    return true;
+}
+
+void FilePipe::close() {
+    if (read_ >= 0) ::close(read_);
+    if (write_ >= 0) ::close(write_);
+    read_ = write_ = -1;
+    held_ = 0;
+}
+
+std::int64_t FilePipe::fill(File& file, std::size_t limit) {
+    if (read_ < 0 || file.fd_ < 0) {
+        errno = EBADF;
+        return -1;
+    }
+    for (;;) {
+        const ssize_t n = ::splice(file.fd_, nullptr, write_, nullptr, limit, 0);
+        if (n >= 0) {
+            held_ += static_cast<std::size_t>(n);
+            return n;
+        }
+        if (errno == EINTR) continue;
+        // A file system or file kind that cannot splice says so before it takes anything.
+        if (errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP) return kCannotMove;
+        return -1;
+    }
+}
+
+bool FilePipe::fillZeros(std::size_t count) {
+    static const std::uint8_t zeros[8] = {};
+    while (count > 0) {
+        const ssize_t n = ::write(write_, zeros, std::min(count, sizeof zeros));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        held_ += static_cast<std::size_t>(n);
+        count -= static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+bool FilePipe::drainTo(int socket) {
+    while (held_ > 0) {
+        const ssize_t n = ::splice(read_, nullptr, socket, nullptr, held_, 0);
+        if (n > 0) {
+            held_ -= static_cast<std::size_t>(n);
+            continue;
+        }
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            pollfd writable{socket, POLLOUT, 0};
+            if (::poll(&writable, 1, -1) >= 0 || errno == EINTR) continue;
+        }
+        const int saved = errno;
+        ::shutdown(socket, SHUT_RDWR);
+        close();
+        errno = saved;
+        return false;
+    }
+    return true;
 }
 
 std::int64_t readStandardInput(std::span<std::uint8_t> into) {

@@ -604,6 +604,28 @@ std::int64_t File::tell() { return seek(0, SeekOrigin::Current); }
 
 bool File::close() { return fd_ < 0 || release(fd_); }
 
+// A file's bytes always pass through memory here: there is no pipe that hands them on.
+FilePipe::~FilePipe() { close(); }
+
+bool FilePipe::open(std::size_t) {
+    SetLastError(ERROR_NOT_SUPPORTED);
+    return false;
+}
+
+void FilePipe::close() { held_ = 0; }
+
+std::int64_t FilePipe::fill(File&, std::size_t) { return kCannotMove; }
+
+bool FilePipe::fillZeros(std::size_t) {
+    SetLastError(ERROR_NOT_SUPPORTED);
+    return false;
+}
+
+bool FilePipe::drainTo(int) {
+    SetLastError(ERROR_NOT_SUPPORTED);
+    return held_ == 0;
+}
+
 std::int64_t readStandardInput(std::span<std::uint8_t> into) {
     const HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
     if (input == INVALID_HANDLE_VALUE || input == nullptr) {

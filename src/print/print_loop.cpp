@@ -17,9 +17,11 @@
 namespace {
 
 // A local file or standard input, read a whole chunk at a time as fread does: a chunk comes up
-// short only at the end of the data or on a read error.
+// short only at the end of the data or on a read error. A file's chunks go into the pipe when
+// it is open, into the buffer otherwise.
 struct ChunkSource {
     platform::File file;
+    platform::FilePipe pipe;
     bool standardInput = false;
     bool atEnd = false;
     bool failed = false;
@@ -28,7 +30,17 @@ struct ChunkSource {
         std::size_t got = 0;
         while (got < buffer.size()) {
             const auto rest = buffer.subspan(got);
-            const std::int64_t n = standardInput ? platform::readStandardInput(rest) : file.read(rest);
+            std::int64_t n = 0;
+            if (pipe.isOpen()) {
+                n = pipe.fill(file, rest.size());
+                // A file that cannot go through the pipe says so at once, with nothing taken.
+                if (n == platform::FilePipe::kCannotMove && got == 0) {
+                    pipe.close();
+                    continue;
+                }
+            } else {
+                n = standardInput ? platform::readStandardInput(rest) : file.read(rest);
+            }
             if (n < 0) {
                 failed = true;
                 break;
@@ -52,15 +64,24 @@ int sendChunks(xcb_connection_t* connection, const std::string& name, ChunkSourc
     if (!storage) return 0;
     const std::span<std::uint8_t> buffer(storage.get(), kPrintChunkSize);
 
+    // Sends what the last fill took, from wherever it went.
+    const auto send = [&](bool first, std::size_t got, int more) {
+        if (source.pipe.isOpen()) {
+            return first ? sendFileBegin(connection, name.c_str(), source.pipe, got, more, moreFilesAccepted)
+                         : sendFileContinue(connection, source.pipe, got, more, moreFilesAccepted);
+        }
+        return first ? sendFileBegin(connection, name.c_str(), buffer.first(got), more, moreFilesAccepted)
+                     : sendFileContinue(connection, buffer.first(got), more, moreFilesAccepted);
+    };
+
     std::size_t got = source.fill(buffer);
     if (source.failed) return 0;
-    if (!sendFileBegin(connection, name.c_str(), buffer.first(got), source.atEnd ? 0 : 1, moreFilesAccepted))
-        return 0;
+    if (!send(true, got, source.atEnd ? 0 : 1)) return 0;
     display.add(got);
     while (!source.atEnd) {
         got = source.fill(buffer);
         const bool last = source.atEnd || source.failed;
-        if (!sendFileContinue(connection, buffer.first(got), last ? 0 : 1, moreFilesAccepted)) return 0;
+        if (!send(false, got, last ? 0 : 1)) return 0;
         display.add(got);
         if (last) break;
     }
@@ -96,6 +117,12 @@ int sendPrintFile(xcb_connection_t* connection, const char* path, std::uint32_t&
             logPrint(1, "Could not open file: \"%s\"\n", name.c_str());
             return 0;
         }
+        // The file's bytes skip this process's memory when the far side takes whole chunks in
+        // requests of the ordinary form.
+        const xcb_query_extension_reply_t* extension = xcb_get_extension_data(connection, &ThinPrintExtension);
+        const std::size_t longest = kPrintRequestFixedSize + name.size() + kPrintChunkSize + 3;
+        if (extension && extension->present && longest / 4 <= xcb_get_setup(connection)->maximum_request_length)
+            source.pipe.open(2 * kPrintChunkSize);
     } else {
         name = standardInputPrintName(suffix, prefix, platform::processId(), platform::currentTime());
         source.standardInput = true;

@@ -9,6 +9,7 @@
 
 #include "common/log.h"
 #include "common/bytes.h"
+#include "platform/platform.h"
 
 xcb_extension_t ThinPrintExtension = {kThinPrintExtensionName, 0};
 
@@ -41,11 +42,16 @@ constexpr const char* kCoreErrorNames[] = {
 constexpr std::size_t kCoreErrorCount = sizeof kCoreErrorNames / sizeof kCoreErrorNames[0];
 
 // Sends one request (its iovec list after the two slots libxcb reserves for itself) and waits for
-// the answer; reports it and returns 1 for an acceptance.
+// the answer; reports it and returns 1 for an acceptance. With `piped`, the list is the head of
+// the request in its final form (raw for libxcb) and the rest follows from the pipe.
 int exchange(xcb_connection_t* connection, const RequestKind& kind, std::span<iovec> parts,
-             std::uint32_t& moreFilesAccepted) {
+             std::uint32_t& moreFilesAccepted, platform::FilePipe* piped = nullptr) {
     const xcb_protocol_request_t request{parts.size() - 2, &ThinPrintExtension, kind.opcode, 0};
-    const unsigned int sequence = xcb_send_request(connection, XCB_REQUEST_CHECKED, parts.data() + 2, &request);
+    const int flags = XCB_REQUEST_CHECKED | (piped ? XCB_REQUEST_RAW : 0);
+    unsigned int sequence = xcb_send_request(connection, flags, parts.data() + 2, &request);
+    // On a failure here the connection is shut: nothing is waited for.
+    if (piped && sequence != 0 && (xcb_flush(connection) <= 0 || !piped->drainTo(xcb_get_file_descriptor(connection))))
+        sequence = 0;
     std::unique_ptr<void, FreeDeleter> reply;
     if (sequence != 0 && xcb_connection_has_error(connection) == 0) {
         xcb_generic_error_t* rawError = nullptr;
@@ -166,37 +172,81 @@ std::vector<std::uint8_t> encodePrintReply(std::uint8_t code, std::uint16_t sequ
     return out;
 }
 
-int sendFileBegin(xcb_connection_t* connection, const char* name, std::span<const std::uint8_t> data, int partial,
-                  std::uint32_t& moreFilesAccepted) {
+namespace {
+
+// A chunk's bytes: in memory, or `length` of them waiting in a pipe.
+struct Chunk {
+    const std::uint8_t* bytes = nullptr;
+    platform::FilePipe* pipe = nullptr;
+    std::size_t length = 0;
+};
+
+// The major opcode for a request written in its final form, or 0 (the zeros behind a piped
+// chunk could not be added: nothing is sent).
+std::uint8_t prepareFinalForm(xcb_connection_t* connection, const Chunk& chunk, std::size_t padding) {
+    if (!chunk.pipe) return 0;
+    const xcb_query_extension_reply_t* extension = xcb_get_extension_data(connection, &ThinPrintExtension);
+    return extension && chunk.pipe->fillZeros(padding) ? extension->major_opcode : 0;
+}
+
+int sendBegin(xcb_connection_t* connection, const char* name, const Chunk& data, int partial,
+              std::uint32_t& moreFilesAccepted) {
     const auto nameLength = static_cast<std::uint16_t>(std::strlen(name));
-    const auto dataLength = static_cast<std::uint16_t>(std::min(data.size(), kMaxChunk));
+    const auto dataLength = static_cast<std::uint16_t>(std::min(data.length, kMaxChunk));
     logPrint(4,
              "sendFileBegin Called, obj: %p, \n\tfilename: %s, \n\tdata, %p, \n\tdatalen: %d,\n\tpartial, %d, "
              "\n\tp_real: %d\n",
-             static_cast<void*>(connection), name, static_cast<const void*>(data.data()), dataLength, partial,
+             static_cast<void*>(connection), name, static_cast<const void*>(data.bytes), dataLength, partial,
              nameLength);
-    auto fixed = encodeFileBeginFixed(0, partial != 0, nameLength, dataLength);
+    const std::size_t padding = printRequestPadding(nameLength, dataLength);
+    const std::uint8_t major = prepareFinalForm(connection, data, padding);
+    if (data.pipe && major == 0) return 0;
+    auto fixed = encodeFileBeginFixed(major, partial != 0, nameLength, dataLength);
     iovec parts[2 + 5] = {};
     parts[2] = {fixed.data(), fixed.size()};
-    parts[3] = {nullptr, 0};  // padding of the fixed part: none
-    parts[4] = {const_cast<char*>(name), nameLength};
-    parts[5] = {const_cast<std::uint8_t*>(data.data()), dataLength};
-    parts[6] = {nullptr, static_cast<decltype(iovec::iov_len)>(printRequestPadding(nameLength, dataLength))};  // libxcb supplies the zeros
-    return exchange(connection, kBegin, parts, moreFilesAccepted);
+    parts[3] = {const_cast<char*>(name), nameLength};
+    parts[4] = {const_cast<std::uint8_t*>(data.bytes), dataLength};
+    parts[5] = {nullptr, static_cast<decltype(iovec::iov_len)>(padding)};  // libxcb supplies the zeros
+    // A piped chunk's bytes and zeros follow from the pipe.
+    return exchange(connection, kBegin, std::span<iovec>(parts).first(data.pipe ? 4 : 6), moreFilesAccepted, data.pipe);
+}
+
+int sendContinue(xcb_connection_t* connection, const Chunk& data, int more, std::uint32_t& moreFilesAccepted) {
+    const auto dataLength = static_cast<std::uint16_t>(std::min(data.length, kMaxChunk));
+    logPrint(4, "sendFileContinue called, obj:%p\n\tdata:%p\n\tdlen: %d\n\tmore:%d\n", static_cast<void*>(connection),
+             static_cast<const void*>(data.bytes), dataLength, more);
+    const std::size_t padding = printRequestPadding(0, dataLength);
+    const std::uint8_t major = prepareFinalForm(connection, data, padding);
+    if (data.pipe && major == 0) return 0;
+    auto fixed = encodeFileContinueFixed(major, more != 0, dataLength);
+    iovec parts[2 + 3] = {};
+    parts[2] = {fixed.data(), fixed.size()};
+    parts[3] = {const_cast<std::uint8_t*>(data.bytes), dataLength};
+    parts[4] = {nullptr, static_cast<decltype(iovec::iov_len)>(padding)};
+    return exchange(connection, kContinue, std::span<iovec>(parts).first(data.pipe ? 3 : 5), moreFilesAccepted,
+                    data.pipe);
+}
+
+}  // namespace
+
+int sendFileBegin(xcb_connection_t* connection, const char* name, std::span<const std::uint8_t> data, int partial,
+                  std::uint32_t& moreFilesAccepted) {
+    return sendBegin(connection, name, {data.data(), nullptr, data.size()}, partial, moreFilesAccepted);
 }
 
 int sendFileContinue(xcb_connection_t* connection, std::span<const std::uint8_t> data, int more,
                      std::uint32_t& moreFilesAccepted) {
-    const auto dataLength = static_cast<std::uint16_t>(std::min(data.size(), kMaxChunk));
-    logPrint(4, "sendFileContinue called, obj:%p\n\tdata:%p\n\tdlen: %d\n\tmore:%d\n", static_cast<void*>(connection),
-             static_cast<const void*>(data.data()), dataLength, more);
-    auto fixed = encodeFileContinueFixed(0, more != 0, dataLength);
-    iovec parts[2 + 4] = {};
-    parts[2] = {fixed.data(), fixed.size()};
-    parts[3] = {nullptr, 0};
-    parts[4] = {const_cast<std::uint8_t*>(data.data()), dataLength};
-    parts[5] = {nullptr, static_cast<decltype(iovec::iov_len)>(printRequestPadding(0, dataLength))};
-    return exchange(connection, kContinue, parts, moreFilesAccepted);
+    return sendContinue(connection, {data.data(), nullptr, data.size()}, more, moreFilesAccepted);
+}
+
+int sendFileBegin(xcb_connection_t* connection, const char* name, platform::FilePipe& data, std::size_t length,
+                  int partial, std::uint32_t& moreFilesAccepted) {
+    return sendBegin(connection, name, {nullptr, &data, length}, partial, moreFilesAccepted);
+}
+
+int sendFileContinue(xcb_connection_t* connection, platform::FilePipe& data, std::size_t length, int more,
+                     std::uint32_t& moreFilesAccepted) {
+    return sendContinue(connection, {nullptr, &data, length}, more, moreFilesAccepted);
 }
 
 int printXError(const xcb_generic_error_t& error) {

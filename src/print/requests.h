@@ -13,6 +13,10 @@
 
 #include <xcb/xcb.h>
 
+namespace platform {
+class FilePipe;
+}
+
 // The print extension's descriptor (libxcb fills in its id).
 extern xcb_extension_t ThinPrintExtension;
 inline constexpr const char* kThinPrintExtensionName = "QRV_ThinPrint12";
@@ -70,6 +74,13 @@ int sendFileBegin(xcb_connection_t* connection, const char* name, std::span<cons
                   std::uint32_t& moreFilesAccepted);
 // Sends a further chunk; `more` nonzero means others follow. Results as sendFileBegin.
 int sendFileContinue(xcb_connection_t* connection, std::span<const std::uint8_t> data, int more,
+                     std::uint32_t& moreFilesAccepted);
+// The same two requests with the chunk's `length` bytes waiting in a pipe (FilePipe::fill put
+// them there) rather than in memory: they go from the pipe to the connection. Only for a far side
+// whose extension is present and whose requests in the ordinary form hold a whole chunk.
+int sendFileBegin(xcb_connection_t* connection, const char* name, platform::FilePipe& data, std::size_t length,
+                  int partial, std::uint32_t& moreFilesAccepted);
+int sendFileContinue(xcb_connection_t* connection, platform::FilePipe& data, std::size_t length, int more,
                      std::uint32_t& moreFilesAccepted);
 
 // Prints an X protocol error with the name of a core error code; returns 1.

@@ -12,11 +12,12 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <regex>
 #include <sstream>
 
 #include "common/terminal_progress.h"
-#include "loopback/desktop_process.h"
+#include "support/loopback_desktop.h"
 #include "support/process.h"
 #include "support/temp_dir.h"
 
@@ -87,14 +88,18 @@ TEST(TerminalRun, PipeGetsOnlyTheDocumentedLinesTerminalAlsoTheDisplays) {
     testsupport::TempDir dir;
     const std::string d = dir.str();
     for (const char* sub : {"desk/tree/sub", "mine/docs"}) std::filesystem::create_directories(dir / sub);
-    ASSERT_TRUE(lbtest::makeSparseFile(dir / "desk" / "big.bin", 128 << 20));  // long enough to draw
     testsupport::writeFile(dir / "desk" / "tree" / "sub" / "a.txt", "a\n");
     testsupport::writeFile(dir / "desk" / "note.txt", "note\n");
+    { std::ofstream{dir / "desk" / "big.bin"}; }
+    std::filesystem::resize_file(dir / "desk" / "big.bin", 128 << 20);  // sparse, long enough to draw
     testsupport::writeFile(dir / "mine" / "docs" / "b.txt", std::string(100000, 'b'));
-    testsupport::writeFile(dir / "script", "list " + d + "\nfetch " + d + "/mine/docs/b.txt\nstore " + d + "/s.txt note.txt\n" +
-                           "rename " + d + "/s.txt " + d + "/r.txt\ndelete " + d + "/r.txt\nclose\n");
-    lbtest::DesktopProcess desktop({"--folder", d + "/desk", "--chunk-size", "4096", "--script", d + "/script"}, dir / "log");
-    ASSERT_TRUE(desktop.serving());
+    loopback::DesktopOptions options;
+    options.folder = dir / "desk";
+    options.chunkSize = 4096;
+    options.script = {"list " + d, "fetch " + d + "/mine/docs/b.txt", "store " + d + "/s.txt note.txt",
+                      "rename " + d + "/s.txt " + d + "/r.txt", "delete " + d + "/r.txt", "close"};
+    testsupport::LoopbackDesktop desktop(options);
+    ASSERT_TRUE(desktop.ok()) << desktop.error();
 
     const std::string banner = "varoft - Varo File Transfer and Remote Print Utility, Version 12.5\n\n";
     const std::string completed = banner + "File Transfer completed.\n", summary = "^[0-9.]+ [KMG]?i?B in [0-9.]+ s(, .*/s)?\n$";
@@ -116,7 +121,7 @@ TEST(TerminalRun, PipeGetsOnlyTheDocumentedLinesTerminalAlsoTheDisplays) {
     };
     for (const Row& row : rows) {
         const auto with = [&](const char* run) {
-            std::vector<std::string> args = {"-display", desktop.display()};
+            std::vector<std::string> args = {"-display", desktop.server().displayName()};
             for (const auto& a : row.args) args.push_back(std::regex_replace(a, std::regex("@"), run));
             return args;
         };

@@ -3,6 +3,8 @@
 // signals, lost connections and failing writes, which the in-process tests cannot reach.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+
 #include <csignal>
 #include <filesystem>
 #include <thread>
@@ -23,7 +25,10 @@ using testsupport::readFile;
 using testsupport::RunOptions;
 using testsupport::writeFile;
 
-const std::string kBanner = "varoft - Varo File Transfer and Remote Print Utility, Version 12.5\n\n";
+// The banner names the program as started: varoft.exe when the Windows build is under test.
+const bool kWindowsBuild = std::getenv("VAROFT_TEST_PROGRAM") != nullptr;
+const std::string kBanner = std::string(kWindowsBuild ? "varoft.exe" : "varoft") +
+                            " - Varo File Transfer and Remote Print Utility, Version 12.5\n\n";
 
 std::string hostName() {
     char buffer[256] = {};
@@ -142,6 +147,8 @@ TEST(EndToEnd, GetReplacesTheTargetOnlyOnceTheFileArrivedWhole) {
     ::umask(mask);
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.remote << " " << c.existing << " " << c.end << " " << c.link);
+        // Under Wine: no symbolic links, no file size limit, no SIGHUP.
+        if (kWindowsBuild && (c.link || c.end == FailedWrite || c.end == Signal)) continue;
         testsupport::TempDir dir;
         const std::string local = (dir / "got.bin").string();
         const fs::path file = c.link ? dir / "real.bin" : fs::path(local);
@@ -171,7 +178,9 @@ TEST(EndToEnd, GetReplacesTheTargetOnlyOnceTheFileArrivedWhole) {
         EXPECT_EQ(testsupport::namesIn(dir.path()), names) << "no temporary is left behind";
         if (arrived) {
             EXPECT_EQ(readFile(file), content);
-            EXPECT_EQ(fs::status(file).permissions(), static_cast<fs::perms>(0666 & ~mask));
+            if (!kWindowsBuild) {
+                EXPECT_EQ(fs::status(file).permissions(), static_cast<fs::perms>(0666 & ~mask));
+            }
             EXPECT_EQ(fs::is_symlink(local), c.link);
         } else if (c.existing) {
             EXPECT_EQ(readFile(file), "old");
@@ -191,6 +200,7 @@ TEST(EndToEnd, GetDirectoryReplacesTheTargetOnlyOnceTheTreeArrivedWhole) {
     ASSERT_TRUE(desktop.ok()) << desktop.error();
     for (const bool interrupted : {false, true}) {
         SCOPED_TRACE(interrupted);
+        if (kWindowsBuild && interrupted) continue;  // Wine reports Ctrl-C as an exit code
         const fs::path parent = dir / (interrupted ? "interrupted" : "replaced");
         const std::string local = (parent / "tree").string();
         fs::create_directories(parent / "tree" / "sub");

@@ -45,10 +45,13 @@ void Desktop::receiveFromClient(const TransferReply& announce) {
     bool writeError = false;
     std::optional<TransferReply> reply;
     const TransferEvent ask = echo(announce, 5);
+    bool asked = false;  // the ask for the next chunk is out already
     // The next chunk's data: empty after reply kind 8, nullopt when the transfer broke off.
     auto nextChunk = [&]() -> std::optional<std::span<const std::uint8_t>> {
         if (ended) return std::span<const std::uint8_t>();
-        if (!sendEvent(ask) || !(reply = awaitReply("data"))) return std::nullopt;
+        if (!asked && !sendEvent(ask)) return std::nullopt;
+        asked = false;
+        if (!(reply = awaitReply("data"))) return std::nullopt;
         if (reply->kind == 8) {
             ended = true;
             return std::span<const std::uint8_t>();
@@ -59,6 +62,10 @@ void Desktop::receiveFromClient(const TransferReply& announce) {
         }
         ++chunks;
         received += reply->block.size();
+        // The next chunk of a file is asked for before this one is written, so the client sends
+        // it meanwhile; the messages are the same, in the same order. The last one (the
+        // announced size reached) is written first, so the file is whole when the client ends.
+        asked = !directory && received < announce.size && sendEvent(ask);
         return std::span<const std::uint8_t>(reply->block);
     };
     bool broken = false;

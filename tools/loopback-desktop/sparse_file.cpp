@@ -30,20 +30,26 @@ bool SparseFileWriter::open(const std::filesystem::path& path) {
 bool SparseFileWriter::write(std::span<const std::uint8_t> data) {
     if (!fd_.valid() || failed_) return false;
     while (!data.empty()) {
-        const auto block = data.first(std::min(kBlock, data.size()));
-        if (allZero(block)) {
-            failed_ = ::lseek(fd_.get(), static_cast<off_t>(block.size()), SEEK_CUR) < 0;
+        // A run of zero blocks is skipped, a run of other blocks written in one call.
+        const bool zero = allZero(data.first(std::min(kBlock, data.size())));
+        std::size_t run = 0;
+        do {
+            run += std::min(kBlock, data.size() - run);
+        } while (run < data.size() && allZero(data.subspan(run, std::min(kBlock, data.size() - run))) == zero);
+        const auto piece = data.first(run);
+        if (zero) {
+            failed_ = ::lseek(fd_.get(), static_cast<off_t>(piece.size()), SEEK_CUR) < 0;
         } else {
-            for (std::size_t done = 0; !failed_ && done < block.size();) {
-                const ssize_t n = ::write(fd_.get(), block.data() + done, block.size() - done);
+            for (std::size_t done = 0; !failed_ && done < piece.size();) {
+                const ssize_t n = ::write(fd_.get(), piece.data() + done, piece.size() - done);
                 if (n < 0 && errno == EINTR) continue;
                 failed_ = n <= 0;
                 if (n > 0) done += static_cast<std::size_t>(n);
             }
         }
         if (failed_) return false;
-        size_ += block.size();
-        data = data.subspan(block.size());
+        size_ += piece.size();
+        data = data.subspan(piece.size());
     }
     return true;
 }
