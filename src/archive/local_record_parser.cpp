@@ -12,21 +12,15 @@
 
 #include "archive/memory_stream.h"
 #include "archive/path_helpers.h"
+#include "archive/zip_format.h"
 #include "common/bytes.h"
 #include "platform/platform.h"
 
 namespace {
 
-constexpr std::uint32_t kLocalHeaderSignature = 0x04034b50;
-constexpr std::uint32_t kCentralHeaderSignature = 0x02014b50;
-constexpr std::uint32_t kEndRecordSignature = 0x06054b50;
-constexpr std::uint32_t kZip64EndRecordSignature = 0x06064b50;
-constexpr std::uint32_t kDescriptorSignature = 0x08074b50;
+using namespace zipformat;
 constexpr std::size_t kLocalHeaderSize = 30;
 constexpr std::int32_t kExtraFieldStep = 4096;
-constexpr std::uint16_t kZip64ExtraId = 0x0001;
-constexpr std::uint16_t kFlagDataDescriptor = 0x0008;
-constexpr std::uint32_t kSize32Escape = 0xFFFFFFFFu;
 // A data descriptor is at most 24 bytes; with fewer chunk bytes left it may be cut by the border.
 constexpr std::int64_t kDescriptorCutLimit = 25;
 // The zstd decoder's failure, as the stream reports it.
@@ -172,8 +166,8 @@ std::int32_t LocalRecordParser::parseLocalHeader() {
         if (!extra.ok()) break;
         if (id != kZip64ExtraId) continue;
         bytes::Reader z(body);
-        for (auto [escaped, field] : {std::pair{uncompressed32 == kSize32Escape, &e.uncompressedSize},
-                                      std::pair{compressed32 == kSize32Escape, &e.compressedSize}}) {
+        for (auto [escaped, field] : {std::pair{uncompressed32 == kEscape32, &e.uncompressedSize},
+                                      std::pair{compressed32 == kEscape32, &e.compressedSize}}) {
             if (!escaped) continue;
             const std::uint64_t v = z.u64();
             if (z.ok() && v > static_cast<std::uint64_t>(INT64_MAX)) return MZ_FORMAT_ERROR;
@@ -238,7 +232,7 @@ bool LocalRecordParser::output(RecordSink& sink, std::span<const std::uint8_t> b
 
 bool LocalRecordParser::finishEntry(RecordSink& sink) {
     if (!sink.endFile()) return false;
-    if (!(entry_.flag & kFlagDataDescriptor) && entry_.compressedSize != 0) {
+    if (!(entry_.flag & kFlagDescriptor) && entry_.compressedSize != 0) {
         state_ = kExpectHeader;
         return checkCrc(sink, entry_.crc);
     }
@@ -262,7 +256,7 @@ LocalRecordParser::Step LocalRecordParser::expectHeader(RecordSink& sink) {
         const std::uint32_t value = bytes::get32(sig, 0);
         // The central directory (or, for an archive without entries, its end record) ends the
         // entries.
-        if (value == kCentralHeaderSignature || value == kEndRecordSignature || value == kZip64EndRecordSignature) {
+        if (value == kCentralHeaderSignature || value == kEndSignature || value == kZip64EndSignature) {
             state_ = kEnd;
             return Step::Complete;
         }

@@ -3,27 +3,19 @@
 #include <algorithm>
 #include <ctime>
 
+#include "archive/zip_format.h"
 #include "common/bytes.h"
 
 namespace ziprec {
 namespace {
 
-constexpr std::uint32_t kLocalHeaderSignature = 0x04034b50;
-constexpr std::uint32_t kDescriptorSignature = 0x08074b50;
-constexpr std::uint32_t kCentralHeaderSignature = 0x02014b50;
-constexpr std::uint32_t kZip64EndSignature = 0x06064b50;
-constexpr std::uint32_t kZip64LocatorSignature = 0x07064b50;
-constexpr std::uint32_t kEndSignature = 0x06054b50;
-constexpr std::uint16_t kFlagDescriptor = 0x0008;
-constexpr std::uint16_t kFlagUtf8 = 0x0800;
+using namespace zipformat;
 constexpr std::uint16_t kHostUnix = 3 << 8;
 constexpr std::uint16_t kVersionStored = 10;
 constexpr std::uint16_t kVersionDeflate = 20;
 constexpr std::uint16_t kVersionZip64 = 45;
-constexpr std::uint16_t kZip64ExtraId = 0x0001;
 constexpr std::uint16_t kTimeExtraId = 0x5455;
 constexpr std::uint8_t kTimeExtraModified = 0x01;
-constexpr std::uint32_t kEscape32 = 0xFFFFFFFFu;
 constexpr std::uint16_t kEscape16 = 0xFFFF;
 constexpr std::uint32_t kModeDirectory = 0040755;
 constexpr std::uint32_t kModeFile = 0100644;

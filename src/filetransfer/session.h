@@ -65,6 +65,8 @@ struct Session {
     StreamObject packStream;    // reading yields the ZIP bytes of a local directory
     StreamObject unpackStream;  // ZIP bytes written to it become a local tree
     void* current = nullptr;
+    // What a chunk read from a pack or file stream goes through; made at its first use.
+    std::unique_ptr<std::uint8_t[]> chunkBuffer;
     std::unique_ptr<Staging> staging;
 
     std::optional<std::string> browsingDirectory;  // the directory listed last

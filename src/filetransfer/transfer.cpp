@@ -269,12 +269,13 @@ Outcome sendChunk(Session& s) {
         s.display.add(static_cast<std::uint64_t>(count));
         return Outcome::goOn();
     }
-    std::unique_ptr<std::uint8_t[]> chunk(new (std::nothrow) std::uint8_t[kChunkSize]);
+    if (!s.chunkBuffer) s.chunkBuffer.reset(new (std::nothrow) std::uint8_t[kChunkSize]);
+    std::uint8_t* chunk = s.chunkBuffer.get();
     const std::int32_t count =
-        chunk ? mz_stream_read(s.current, chunk.get(), static_cast<std::int32_t>(kChunkSize)) : MZ_MEM_ERROR;
+        chunk ? mz_stream_read(s.current, chunk, static_cast<std::int32_t>(kChunkSize)) : MZ_MEM_ERROR;
     if (count <= 0) return endSending(s);
     s.display.add(static_cast<std::uint64_t>(count));
-    return sendReply(s, kReplyChunk, std::span<const std::uint8_t>(chunk.get(), static_cast<std::size_t>(count)));
+    return sendReply(s, kReplyChunk, std::span<const std::uint8_t>(chunk, static_cast<std::size_t>(count)));
 }
 
 // ---- endings ---------------------------------------------------------------------------------
