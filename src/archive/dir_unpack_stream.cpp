@@ -1,8 +1,10 @@
 #include "archive/dir_unpack_stream.h"
 
+#include <cstdlib>
 #include <new>
 #include <span>
 #include <string>
+#include <thread>
 
 #include "archive/extraction.h"
 #include "archive/local_record_parser.h"
@@ -12,6 +14,17 @@
 namespace {
 
 constexpr std::int32_t kUnsupportedModeBit = 0x1000000;
+// More workers than this only cost memory: the bytes they may hold are bounded as a whole.
+constexpr unsigned kMaxWorkers = 8;
+
+unsigned defaultWorkers() {
+    if (const char* value = platform::environment("VAROFT_UNPACK_WORKERS")) {
+        const long n = std::strtol(value, nullptr, 10);
+        if (n > 0) return static_cast<unsigned>(n < static_cast<long>(kMaxWorkers) ? n : kMaxWorkers);
+    }
+    const unsigned cores = std::thread::hardware_concurrency();
+    return cores == 0 ? 1 : cores < kMaxWorkers ? cores : kMaxWorkers;
+}
 
 // The stream object: the parser reads the archive, the extraction makes what it finds.
 struct UnpackStream {
@@ -23,6 +36,7 @@ struct UnpackStream {
     int systemError = 0;     // the platform's error code of the sticky error, for its text
     bool inWrite = false;
     bool receivedBytes = false;  // a non-empty chunk arrived since open
+    unsigned workerCount = 0;    // 0: the machine's (defaultWorkers)
     void* progressUser = nullptr;
     UnpackProgressCallback progress = nullptr;
 };
@@ -62,7 +76,7 @@ std::int32_t unpackOpen(void* stream, const char* path, std::int32_t mode) {
     if (!s || !path || !s->basePath.empty()) return MZ_PARAM_ERROR;
     if (mode & kUnsupportedModeBit) return MZ_INTERNAL_ERROR;
     if (*path == '\0') return MZ_OPEN_ERROR;
-    if (!s->extraction.open(path)) return MZ_OPEN_ERROR;
+    if (!s->extraction.open(path, s->workerCount != 0 ? s->workerCount : defaultWorkers())) return MZ_OPEN_ERROR;
     // Every open starts a fresh archive.
     s->error = 0;
     s->systemError = 0;
@@ -102,6 +116,7 @@ std::int32_t unpackWrite(void* stream, const void* buf, std::int32_t size) {
         // end, so the handler never removes a tree the thread is still making files in.
         platform::TerminationBlock block;
         s->inWrite = true;
+        s->extraction.resume();
         result = s->parser.write({static_cast<const std::uint8_t*>(buf), static_cast<std::size_t>(size)}, s->extraction);
         s->extraction.settle();
         s->inWrite = false;
@@ -118,6 +133,9 @@ std::int32_t unpackClose(void* stream) {
     if (s->basePath.empty()) return withError(s, s->error);
     {
         platform::TerminationBlock block;
+        // What was held back for the workers is settled before the last of it is written out.
+        s->extraction.resume();
+        if (s->error == 0) s->parser.finish(s->extraction);
         s->extraction.close();
     }
     collectFailure(s);
@@ -168,3 +186,7 @@ int dirUnpackStreamSystemError(void* stream) { return stream ? self(stream)->sys
 std::int64_t dirUnpackStreamHeldBytes(void* stream) { return stream ? self(stream)->parser.heldCapacity() : 0; }
 
 std::int64_t dirUnpackStreamDroppedBytes(void* stream) { return stream ? self(stream)->parser.droppedBytes() : 0; }
+
+void setDirUnpackStreamWorkers(void* stream, unsigned count) {
+    if (stream) self(stream)->workerCount = count;
+}

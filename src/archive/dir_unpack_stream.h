@@ -15,6 +15,12 @@
 // file, a hard link, a FIFO, a device, a link) is unlinked first, never written through or
 // opened. Bytes after the central directory are counted and dropped.
 //
+// Entries whose sizes their local headers give are decoded by worker threads, several at once,
+// while later chunks are read; their files are still made in archive order and each failure is
+// the one reading in order meets first, with nothing made after it, but it may be reported by
+// a later write than the one that carried it (at the latest by the write that reaches the
+// central directory, or by close).
+//
 // A failing write or close leaves the platform's error code of the failure readable through
 // platform::lastError(): the failing system call's, or for failures no system call reports
 // one that describes them (damaged data, an unsupported method, a name that would leave the
@@ -38,3 +44,6 @@ int dirUnpackStreamSystemError(void* stream);
 // directory since open.
 std::int64_t dirUnpackStreamHeldBytes(void* stream);
 std::int64_t dirUnpackStreamDroppedBytes(void* stream);
+// The number of threads that decode from the next open on: 1 decodes in order on the writing
+// thread; 0 (the default) means one per core, or VAROFT_UNPACK_WORKERS when that is set.
+void setDirUnpackStreamWorkers(void* stream, unsigned count);
