@@ -268,13 +268,15 @@ LocalRecordParser::Step LocalRecordParser::expectHeader(RecordSink& sink) {
     const bool isDirectory = !resolved.empty() && (mz_zip_attrib_is_dir(entry_.externalFa, entry_.versionMadeBy) == MZ_OK ||
                                                    name.back() == '/' || name.back() == '\\');
     const bool split = !resolved.empty() && !isDirectory && splittable(sink);
-    // While entries are held back only directories and more entries to hand over go ahead;
-    // anything else waits until those are known to end where their headers say.
+    // While entries are held back only directories and more entries to hand over go ahead (as
+    // far as the limits allow); anything else waits until those are known to end where their
+    // headers say.
     if (split && !makeRoom(sink, splitInputSize() + splitOutputSize())) {
         rewind(start);
         return confirm(sink);
     }
-    if (!heldBack_.empty() && (!(split || isDirectory) || items_ - heldBack_.front().items >= kMaxItemsAhead)) {
+    if (!heldBack_.empty() && (!(split || isDirectory) || items_ - heldBack_.front().items >= kMaxItemsAhead ||
+                               keptBytes_ >= kHeldLimit)) {
         rewind(start);
         return confirm(sink);
     }
