@@ -123,7 +123,7 @@ public:
     // The largest entry (either size) handed over whole, and the most bytes held for entries
     // handed over, their data and the kept chunks together.
     static constexpr std::int64_t kSplitLimit = 4 << 20;
-    static constexpr std::size_t kHeldLimit = 24 << 20;
+    static constexpr std::size_t kHeldLimit = 12 << 20;
 
     LocalRecordParser();
     ~LocalRecordParser();
