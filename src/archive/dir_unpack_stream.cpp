@@ -36,6 +36,7 @@ struct UnpackStream {
     int systemError = 0;     // the platform's error code of the sticky error, for its text
     bool inWrite = false;
     bool receivedBytes = false;  // a non-empty chunk arrived since open
+    bool writesEnded = false;    // endDirUnpackStreamWrites ran since open
     unsigned workerCount = 0;    // 0: the machine's (defaultWorkers)
     void* progressUser = nullptr;
     UnpackProgressCallback progress = nullptr;
@@ -81,6 +82,7 @@ std::int32_t unpackOpen(void* stream, const char* path, std::int32_t mode) {
     s->error = 0;
     s->systemError = 0;
     s->receivedBytes = false;
+    s->writesEnded = false;
     if (s->parser.start() != MZ_OK) {
         s->extraction.close();
         return MZ_MEM_ERROR;
@@ -106,7 +108,7 @@ std::int32_t unpackRead(void* stream, void* buf, std::int32_t size) {
 std::int32_t unpackWrite(void* stream, const void* buf, std::int32_t size) {
     UnpackStream* s = self(stream);
     if (size < 0) return MZ_PARAM_ERROR;
-    if (s->basePath.empty()) return MZ_OPEN_ERROR;
+    if (s->basePath.empty() || s->writesEnded) return MZ_OPEN_ERROR;
     if (s->error != 0) return withError(s, s->error);
     if (size > 0 && !buf) return MZ_PARAM_ERROR;
     if (size > 0) s->receivedBytes = true;
@@ -127,15 +129,28 @@ std::int32_t unpackWrite(void* stream, const void* buf, std::int32_t size) {
     return withError(s, result);
 }
 
+// Decodes and makes what the writes left to the workers; true when that met the first failure.
+bool endWrites(UnpackStream* s) {
+    if (s->basePath.empty() || s->writesEnded) return false;
+    s->writesEnded = true;
+    const bool healthy = s->error == 0;
+    {
+        platform::TerminationBlock block;
+        s->extraction.resume();
+        if (healthy) s->parser.finish(s->extraction);
+        s->extraction.drain();
+    }
+    collectFailure(s);
+    return healthy && s->error != 0;
+}
+
 std::int32_t unpackClose(void* stream) {
     UnpackStream* s = self(stream);
     if (s->inWrite) return MZ_OK;  // called from inside a write
     if (s->basePath.empty()) return withError(s, s->error);
+    endWrites(s);
     {
         platform::TerminationBlock block;
-        // What was held back for the workers is settled before the last of it is written out.
-        s->extraction.resume();
-        if (s->error == 0) s->parser.finish(s->extraction);
         s->extraction.close();
     }
     collectFailure(s);
@@ -186,6 +201,14 @@ int dirUnpackStreamSystemError(void* stream) { return stream ? self(stream)->sys
 std::int64_t dirUnpackStreamHeldBytes(void* stream) { return stream ? self(stream)->parser.heldCapacity() : 0; }
 
 std::int64_t dirUnpackStreamDroppedBytes(void* stream) { return stream ? self(stream)->parser.droppedBytes() : 0; }
+
+bool endDirUnpackStreamWrites(void* stream) {
+    if (!stream) return false;
+    UnpackStream* s = self(stream);
+    if (s->inWrite || !endWrites(s)) return false;
+    platform::setLastError(s->systemError);
+    return true;
+}
 
 void setDirUnpackStreamWorkers(void* stream, unsigned count) {
     if (stream) self(stream)->workerCount = count;

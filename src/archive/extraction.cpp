@@ -103,10 +103,15 @@ void Extraction::settle() {
     applyReady(false);
 }
 
+void Extraction::drain() {
+    if (!thread_.joinable()) return;
+    sendData();
+    applyReady(true);
+}
+
 void Extraction::close() {
     if (thread_.joinable()) {
-        sendData();
-        applyReady(true);
+        drain();
         {
             std::lock_guard<std::mutex> hold(lock_);
             stop_ = true;

@@ -54,6 +54,8 @@ public:
     // Stops the thread and returns once everything handed over so far is done (or failed),
     // doing what is left, but for the entries still being decoded and what follows them.
     void settle();
+    // Does everything handed over, waiting for the decoding.
+    void drain();
     // Does everything handed over (waiting for the decoding), closes the current file (a failure
     // to close is kept), stops the threads and closes the target.
     void close();

@@ -87,6 +87,10 @@ UnpackOutcome unpackInto(const Bytes& archive, const std::string& target, const 
         if (rc < 0) outcome.failureText = platform::lastErrorText();
         at += n;
     }
+    if (outcome.firstFailure == MZ_OK && endDirUnpackStreamWrites(stream.get())) {
+        outcome.firstFailure = mz_stream_error(stream.get());
+        outcome.failureText = platform::lastErrorText();
+    }
     outcome.closeResult = mz_stream_close(stream.get());
     if (outcome.closeResult < 0 && outcome.failureText.empty()) outcome.failureText = platform::lastErrorText();
     return outcome;

@@ -160,7 +160,8 @@ TEST(UnpackStream, WorkersChangeNothing) {
             TempDir inOrder, apart;
             const auto expected = unpackInto(archive, inOrder.str(), chunker(), 1);
             const auto outcome = unpackInto(archive, apart.str(), chunker(), 3);
-            EXPECT_EQ(std::tie(outcome.closeResult, outcome.failureText), std::tie(expected.closeResult, expected.failureText))
+            EXPECT_EQ(std::tie(outcome.firstFailure, outcome.closeResult, outcome.failureText),
+                      std::tie(expected.firstFailure, expected.closeResult, expected.failureText))
                 << &archive - archives.data() << " in chunks of " << chunk;
             EXPECT_EQ(imageOf(apart.path()), imageOf(inOrder.path())) << &archive - archives.data() << " in chunks of " << chunk;
         }

@@ -2,7 +2,7 @@
 // a target that may already hold traps under the names the seed archives use (a hard link to a
 // file outside, a FIFO, links to that file and to a directory outside), and checks after every
 // run that nothing outside the target was created, changed or removed, and that worker threads
-// changed nothing (tree, result, error). With bit 2 of the first byte set, the bytes go to the
+// changed nothing (tree, results, error). With bit 2 of the first byte set, the bytes go to the
 // parser alone, which must hand over only names that stay below the target and only bytes that
 // fit the room it was given.
 #include <sys/stat.h>
@@ -152,17 +152,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         plantTraps(p, layout);
         setDirUnpackStreamWorkers(p.stream, workers);
         if (mz_stream_open(p.stream, p.target.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE) != MZ_OK) std::abort();
-        for (std::size_t at = 0; at < size;) {
+        std::int32_t first = 0;  // what the writes, or the end of them, returned first
+        for (std::size_t at = 0; at < size && first == 0;) {
             chunking = chunking * 1664525u + 1013904223u;
             const std::size_t chunk[] = {size, 1, 1 + (chunking >> 16) % 64, 1 + (chunking >> 8) % 8192};
             const std::size_t n = std::min(chunk[mode], size - at);
             const std::int32_t rc = mz_stream_write(p.stream, data + at, static_cast<std::int32_t>(n));
-            if (rc < 0) break;
-            if (rc != static_cast<std::int32_t>(n)) std::abort();  // a healthy write takes the whole chunk
+            if (rc >= 0 && rc != static_cast<std::int32_t>(n)) std::abort();  // a healthy write takes the whole chunk
+            first = std::min(rc, 0);
             at += n;
         }
+        if (first == 0 && endDirUnpackStreamWrites(p.stream)) first = mz_stream_error(p.stream);
         const std::int32_t rc = mz_stream_close(p.stream);
-        auto outcome = std::make_tuple(rc, dirUnpackStreamSystemError(p.stream), imageOf(p.target));
+        auto outcome = std::make_tuple(first, rc, dirUnpackStreamSystemError(p.stream), imageOf(p.target));
         checkOutsideAndEmptyTarget(p);
         return outcome;
     };
