@@ -1,8 +1,10 @@
 #include "archive/dir_unpack_stream.h"
 
+#include <cstdlib>
 #include <new>
 #include <span>
 #include <string>
+#include <thread>
 
 #include "archive/extraction.h"
 #include "archive/local_record_parser.h"
@@ -12,6 +14,17 @@
 namespace {
 
 constexpr std::int32_t kUnsupportedModeBit = 0x1000000;
+// More workers than this only cost memory: the bytes they may hold are bounded as a whole.
+constexpr unsigned kMaxWorkers = 8;
+
+unsigned defaultWorkers() {
+    if (const char* value = platform::environment("VAROFT_UNPACK_WORKERS")) {
+        const long n = std::strtol(value, nullptr, 10);
+        if (n > 0) return static_cast<unsigned>(n < static_cast<long>(kMaxWorkers) ? n : kMaxWorkers);
+    }
+    const unsigned cores = std::thread::hardware_concurrency();
+    return cores == 0 ? 1 : cores < kMaxWorkers ? cores : kMaxWorkers;
+}
 
 // The stream object: the parser reads the archive, the extraction makes what it finds.
 struct UnpackStream {
@@ -23,6 +36,8 @@ struct UnpackStream {
     int systemError = 0;     // the platform's error code of the sticky error, for its text
     bool inWrite = false;
     bool receivedBytes = false;  // a non-empty chunk arrived since open
+    bool writesEnded = false;    // endDirUnpackStreamWrites ran since open
+    unsigned workerCount = 0;    // 0: the machine's (defaultWorkers)
     void* progressUser = nullptr;
     UnpackProgressCallback progress = nullptr;
 };
@@ -62,11 +77,12 @@ std::int32_t unpackOpen(void* stream, const char* path, std::int32_t mode) {
     if (!s || !path || !s->basePath.empty()) return MZ_PARAM_ERROR;
     if (mode & kUnsupportedModeBit) return MZ_INTERNAL_ERROR;
     if (*path == '\0') return MZ_OPEN_ERROR;
-    if (!s->extraction.open(path)) return MZ_OPEN_ERROR;
+    if (!s->extraction.open(path, s->workerCount != 0 ? s->workerCount : defaultWorkers())) return MZ_OPEN_ERROR;
     // Every open starts a fresh archive.
     s->error = 0;
     s->systemError = 0;
     s->receivedBytes = false;
+    s->writesEnded = false;
     if (s->parser.start() != MZ_OK) {
         s->extraction.close();
         return MZ_MEM_ERROR;
@@ -92,7 +108,7 @@ std::int32_t unpackRead(void* stream, void* buf, std::int32_t size) {
 std::int32_t unpackWrite(void* stream, const void* buf, std::int32_t size) {
     UnpackStream* s = self(stream);
     if (size < 0) return MZ_PARAM_ERROR;
-    if (s->basePath.empty()) return MZ_OPEN_ERROR;
+    if (s->basePath.empty() || s->writesEnded) return MZ_OPEN_ERROR;
     if (s->error != 0) return withError(s, s->error);
     if (size > 0 && !buf) return MZ_PARAM_ERROR;
     if (size > 0) s->receivedBytes = true;
@@ -102,6 +118,7 @@ std::int32_t unpackWrite(void* stream, const void* buf, std::int32_t size) {
         // end, so the handler never removes a tree the thread is still making files in.
         platform::TerminationBlock block;
         s->inWrite = true;
+        s->extraction.resume();
         result = s->parser.write({static_cast<const std::uint8_t*>(buf), static_cast<std::size_t>(size)}, s->extraction);
         s->extraction.settle();
         s->inWrite = false;
@@ -112,10 +129,26 @@ std::int32_t unpackWrite(void* stream, const void* buf, std::int32_t size) {
     return withError(s, result);
 }
 
+// Decodes and makes what the writes left to the workers; true when that met the first failure.
+bool endWrites(UnpackStream* s) {
+    if (s->basePath.empty() || s->writesEnded) return false;
+    s->writesEnded = true;
+    const bool healthy = s->error == 0;
+    {
+        platform::TerminationBlock block;
+        s->extraction.resume();
+        if (healthy) s->parser.finish(s->extraction);
+        s->extraction.drain();
+    }
+    collectFailure(s);
+    return healthy && s->error != 0;
+}
+
 std::int32_t unpackClose(void* stream) {
     UnpackStream* s = self(stream);
     if (s->inWrite) return MZ_OK;  // called from inside a write
     if (s->basePath.empty()) return withError(s, s->error);
+    endWrites(s);
     {
         platform::TerminationBlock block;
         s->extraction.close();
@@ -168,3 +201,15 @@ int dirUnpackStreamSystemError(void* stream) { return stream ? self(stream)->sys
 std::int64_t dirUnpackStreamHeldBytes(void* stream) { return stream ? self(stream)->parser.heldCapacity() : 0; }
 
 std::int64_t dirUnpackStreamDroppedBytes(void* stream) { return stream ? self(stream)->parser.droppedBytes() : 0; }
+
+bool endDirUnpackStreamWrites(void* stream) {
+    if (!stream) return false;
+    UnpackStream* s = self(stream);
+    if (s->inWrite || !endWrites(s)) return false;
+    platform::setLastError(s->systemError);
+    return true;
+}
+
+void setDirUnpackStreamWorkers(void* stream, unsigned count) {
+    if (stream) self(stream)->workerCount = count;
+}

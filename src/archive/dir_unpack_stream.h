@@ -15,6 +15,13 @@
 // file, a hard link, a FIFO, a device, a link) is unlinked first, never written through or
 // opened. Bytes after the central directory are counted and dropped.
 //
+// Entries whose sizes their local headers give are decoded by worker threads, several at once,
+// while later chunks are read; their files are still made in archive order and each failure is
+// the one reading in order meets first, with nothing made after it. Such a failure is known
+// once the entry is decoded: a later write than the one that carried it may be the first to
+// return it (at the latest the write that reaches the central directory), and when the chunks
+// stop before that, endDirUnpackStreamWrites finds it.
+//
 // A failing write or close leaves the platform's error code of the failure readable through
 // platform::lastError(): the failing system call's, or for failures no system call reports
 // one that describes them (damaged data, an unsupported method, a name that would leave the
@@ -38,3 +45,12 @@ int dirUnpackStreamSystemError(void* stream);
 // directory since open.
 std::int64_t dirUnpackStreamHeldBytes(void* stream);
 std::int64_t dirUnpackStreamDroppedBytes(void* stream);
+// No more chunks come (the transfer ended, whichever way): what the writes left to the workers
+// is decoded and made now, as reading in order would have made it during the writes. True when
+// that met the stream's first failure, which a write reading in order would have returned: the
+// caller reports it as it would a failed write, and platform::lastError() holds its code as after
+// one. Writes are refused from then on (MZ_OPEN_ERROR); close does the rest, as always.
+bool endDirUnpackStreamWrites(void* stream);
+// The number of threads that decode from the next open on: 1 decodes in order on the writing
+// thread; 0 (the default) means one per core, or VAROFT_UNPACK_WORKERS when that is set.
+void setDirUnpackStreamWorkers(void* stream, unsigned count);

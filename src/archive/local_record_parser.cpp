@@ -26,6 +26,9 @@ constexpr std::int64_t kDescriptorCutLimit = 25;
 // The zstd decoder's failure, as the stream reports it.
 constexpr std::int32_t kZstdDataError = -2;
 constexpr int kZstdWindowLogMax = 23;
+// While entries are held back, at most this many directories and entries are handed to the
+// sink after the oldest of them (the sink's queue must always have room for them).
+constexpr std::uint64_t kMaxItemsAhead = 256;
 
 int code(platform::Failure failure) { return platform::failureCode(failure); }
 
@@ -59,6 +62,12 @@ std::int32_t LocalRecordParser::start() {
     droppedBytes_ = 0;
     if (pending_) pending_->length = 0;
     pendingPosition_ = 0;
+    dropHeldBack();
+    chunkNumber_ = 0;
+    items_ = 0;
+    replayFrom_ = -1;
+    noSplit_ = false;
+    replayed_ = false;
     extraField_.reset(mz_stream_mem_create());
     if (!extraField_) return MZ_MEM_ERROR;
     mz_stream_mem_set_grow_size(extraField_.get(), kExtraFieldStep);
@@ -73,6 +82,7 @@ void LocalRecordParser::release() {
     extraField_.reset();
     decoders_.reset();
     if (pending_) pending_->length = 0;
+    dropHeldBack();
 }
 
 // Keeps the first failure with the platform's error code that describes it.
@@ -249,6 +259,27 @@ bool LocalRecordParser::checkCrc(RecordSink& sink, std::uint32_t expected) {
 LocalRecordParser::Step LocalRecordParser::expectHeader(RecordSink& sink) {
     const Mark start = mark();
     const std::int32_t rc = parseLocalHeader();
+    if (rc != MZ_OK && rc != MZ_FORMAT_ERROR && rc != MZ_MEM_ERROR) {
+        rewind(start);
+        return Step::NeedInput;
+    }
+    const std::string& name = entry_.filename;
+    const std::string resolved = rc == MZ_OK ? mz_path_resolve(name) : std::string();
+    const bool isDirectory = !resolved.empty() && (mz_zip_attrib_is_dir(entry_.externalFa, entry_.versionMadeBy) == MZ_OK ||
+                                                   name.back() == '/' || name.back() == '\\');
+    const bool split = !resolved.empty() && !isDirectory && splittable(sink);
+    // While entries are held back only directories and more entries to hand over go ahead (as
+    // far as the limits allow); anything else waits until those are known to end where their
+    // headers say.
+    if (split && !makeRoom(sink, splitInputSize() + splitOutputSize())) {
+        rewind(start);
+        return confirm(sink);
+    }
+    if (!heldBack_.empty() && (!(split || isDirectory) || items_ - heldBack_.front().items >= kMaxItemsAhead ||
+                               keptBytes_ >= kHeldLimit)) {
+        rewind(start);
+        return confirm(sink);
+    }
     if (rc == MZ_FORMAT_ERROR) {
         rewind(start);
         std::array<std::uint8_t, 4> sig{};
@@ -267,25 +298,26 @@ LocalRecordParser::Step LocalRecordParser::expectHeader(RecordSink& sink) {
         fail(MZ_MEM_ERROR, code(platform::Failure::OutOfMemory));
         return Step::Continue;
     }
-    if (rc != MZ_OK) {
-        rewind(start);
-        return Step::NeedInput;
-    }
 
     crc_ = 0;
     produced_ = 0;
-    const std::string& name = entry_.filename;
-    const std::string resolved = mz_path_resolve(name);
+    replayed_ = false;
     if (resolved.empty()) {
         // A name that resolves to nothing below the target: "..", "/", "a/..", or none at all.
         fail(MZ_INTERNAL_ERROR, code(name.empty() ? platform::Failure::DamagedData : platform::Failure::NotPermitted));
         return Step::Continue;
     }
-    if (mz_zip_attrib_is_dir(entry_.externalFa, entry_.versionMadeBy) == MZ_OK || name.back() == '/' ||
-        name.back() == '\\') {
+    if (isDirectory) {
+        if (!heldBack_.empty()) ++items_;
         if (!sink.directory(entry_, resolved)) sinkFailed_ = true;
         return Step::Continue;
     }
+    if (split && !holdBack(start, resolved) && !heldBack_.empty()) {
+        // No memory to hold it: it is read in order, once those before it are settled.
+        rewind(start);
+        return confirm(sink);
+    }
+    if (state_ == kSplitData) return Step::Continue;
     // The method is set up before the file is made, and the file is made whatever the method:
     // an entry of an unknown method still leaves its (empty) file behind.
     const bool methodReady = setUpMethod() == MZ_OK;
@@ -429,6 +461,195 @@ LocalRecordParser::Step LocalRecordParser::expectDescriptor(RecordSink& sink) {
     return Step::Continue;
 }
 
+// ---- entries handed over whole ------------------------------------------------------------------
+
+// Stored entries of a size that fits, and deflate entries whose sizes fit, both known from the
+// local header and an end that is not a data descriptor.
+bool LocalRecordParser::splittable(const RecordSink& sink) const {
+    if (noSplit_ || replayed_ || !sink.splits() || (entry_.flag & kFlagDescriptor) || entry_.compressedSize == 0)
+        return false;
+    if (entry_.compressionMethod == MZ_COMPRESS_METHOD_STORE)
+        return entry_.uncompressedSize > 0 && entry_.uncompressedSize <= kSplitLimit;
+    return entry_.compressionMethod == MZ_COMPRESS_METHOD_DEFLATE && entry_.compressedSize <= kSplitLimit &&
+           entry_.uncompressedSize <= kSplitLimit;
+}
+
+// A stored entry consumes its uncompressed size; a deflate entry is given its compressed size
+// and one byte of room over its uncompressed size, to tell a lie from a fit.
+std::size_t LocalRecordParser::splitInputSize() const {
+    return static_cast<std::size_t>(entry_.compressionMethod == MZ_COMPRESS_METHOD_STORE ? entry_.uncompressedSize
+                                                                                          : entry_.compressedSize);
+}
+
+std::size_t LocalRecordParser::splitOutputSize() const {
+    return entry_.compressionMethod == MZ_COMPRESS_METHOD_STORE ? 0 : static_cast<std::size_t>(entry_.uncompressedSize) + 1;
+}
+
+namespace {
+
+bool settledWell(const SplitEntry& split) {
+    return split.state.load(std::memory_order_acquire) == SplitEntry::kDecoded && split.result == 0;
+}
+
+}  // namespace
+
+// Waits until the bytes held (the sink's and the kept chunks) leave room for `need` more. False
+// when the oldest entry held back did not end where its header said, or failed: only a
+// confirm() can go on from there.
+bool LocalRecordParser::makeRoom(RecordSink& sink, std::size_t need) {
+    for (;;) {
+        trim();
+        const std::size_t held = sink.heldBytes();
+        if (keptBytes_ + held + need <= kHeldLimit) return true;
+        if (!heldBack_.empty()) {
+            const SplitEntry& oldest = *heldBack_.front().split;
+            sink.waitDecoded(oldest);
+            if (!settledWell(oldest)) return false;
+            continue;
+        }
+        // Only entries known to be sound are left: the sink writes them out.
+        if (held == 0) return true;
+        sink.waitHeld(need < kHeldLimit ? kHeldLimit - need : 0);
+    }
+}
+
+// Begins collecting the current entry's bytes, noting where its header began. False when the
+// memory for it cannot be had.
+bool LocalRecordParser::holdBack(Mark start, const std::string& path) {
+    auto split = std::make_shared<SplitEntry>();
+    split->entry = entry_;
+    split->path = path;
+    split->inputSize = splitInputSize();
+    split->outputCapacity = splitOutputSize();
+    split->input.reset(new (std::nothrow) std::uint8_t[split->inputSize]);
+    if (split->outputCapacity > 0) split->output.reset(new (std::nothrow) std::uint8_t[split->outputCapacity]);
+    if (!split->input || (split->outputCapacity > 0 && !split->output)) return false;
+    HeldBack held{std::move(split), chunkNumber_, start.input, {}, items_};
+    const std::int64_t pendingLength = byteBufferLength(pending_.get());
+    if (start.pending < pendingLength) {
+        const std::uint8_t* data = byteBufferData(pending_.get());
+        held.pending.assign(data + start.pending, data + pendingLength);
+    }
+    heldBack_.push_back(std::move(held));
+    state_ = kSplitData;
+    return true;
+}
+
+LocalRecordParser::Step LocalRecordParser::splitData(RecordSink& sink) {
+    SplitEntry& split = *heldBack_.back().split;
+    const auto from = available();
+    if (from.empty()) return Step::NeedInput;
+    const std::size_t n = std::min(from.size(), split.inputSize - split.collected);
+    std::memcpy(split.input.get() + split.collected, from.data(), n);
+    split.collected += n;
+    advance(n);
+    if (split.collected < split.inputSize) return Step::Continue;
+    state_ = kExpectHeader;
+    produced_ = entry_.uncompressedSize;
+    ++items_;
+    if (!sink.split(heldBack_.back().split)) {
+        sinkFailed_ = true;
+        dropHeldBack();
+    }
+    return Step::Continue;
+}
+
+// Forgets the oldest entries held back while they are known to be sound, and the chunks kept
+// for them alone.
+void LocalRecordParser::trim() {
+    while (!heldBack_.empty() && settledWell(*heldBack_.front().split)) heldBack_.pop_front();
+    if (heldBack_.empty()) {
+        dropHeldBack();
+        return;
+    }
+    while (!kept_.empty() && kept_.front().number < heldBack_.front().chunk) {
+        keptBytes_ -= kept_.front().bytes.size();
+        kept_.pop_front();
+    }
+}
+
+void LocalRecordParser::dropHeldBack() {
+    heldBack_.clear();
+    kept_.clear();
+    keptBytes_ = 0;
+}
+
+// Waits until every entry held back is decoded. Continue when all are sound (none is held
+// back any more) or one failed (the parser stops there, as reading in order would have);
+// Replay when one did not end where its header said.
+LocalRecordParser::Step LocalRecordParser::confirm(RecordSink& sink) {
+    for (std::size_t i = 0; i < heldBack_.size(); ++i) {
+        const SplitEntry& split = *heldBack_[i].split;
+        sink.waitDecoded(split);
+        if (split.state.load(std::memory_order_acquire) == SplitEntry::kDiverged) {
+            replayFrom_ = static_cast<std::int64_t>(i);
+            return Step::Replay;
+        }
+        if (split.result != 0) {
+            sinkFailed_ = true;
+            break;
+        }
+    }
+    dropHeldBack();
+    return Step::Continue;
+}
+
+// Takes back the entry replayFrom_ names and everything handed over after it, and reads the
+// kept chunks again from where its header began, as they came, holding nothing back. Returns
+// where the current chunk is to be read from.
+std::size_t LocalRecordParser::replay(RecordSink& sink) {
+    HeldBack from = std::move(heldBack_[static_cast<std::size_t>(replayFrom_)]);
+    replayFrom_ = -1;
+    sink.withdraw(*from.split);
+    std::deque<KeptChunk> chunks = std::move(kept_);
+    dropHeldBack();
+    state_ = kExpectHeader;
+    if (pending_) pending_->length = 0;
+    if (!byteBufferAppend(pending_, from.pending)) fail(MZ_MEM_ERROR, code(platform::Failure::OutOfMemory));
+    // The entry that ended elsewhere is read in order this time, wherever its header lies.
+    replayed_ = true;
+    const bool noSplit = noSplit_;
+    noSplit_ = true;
+    for (const KeptChunk& chunk : chunks) {
+        if (chunk.number < from.chunk) continue;
+        pass(chunk.bytes, chunk.number == from.chunk ? static_cast<std::size_t>(from.offset - chunk.base) : 0, sink);
+    }
+    noSplit_ = noSplit;
+    return from.chunk == chunkNumber_ ? static_cast<std::size_t>(from.offset) : 0;
+}
+
+void LocalRecordParser::finish(RecordSink& sink) {
+    noSplit_ = true;
+    if (heldBack_.empty()) return;
+    if (error_ != 0 || sinkFailed_) {
+        dropHeldBack();
+        return;
+    }
+    // The entry still being collected is read in order as far as its bytes go, unless one
+    // before it ended elsewhere (read again from there) or failed (nothing after it is read).
+    const std::size_t whole = state_ == kSplitData ? heldBack_.size() - 1 : heldBack_.size();
+    std::size_t from = whole;
+    for (std::size_t i = 0; i < whole; ++i) {
+        const SplitEntry& split = *heldBack_[i].split;
+        sink.waitDecoded(split);
+        if (split.state.load(std::memory_order_acquire) == SplitEntry::kDiverged) {
+            from = i;
+            break;
+        }
+        if (split.result != 0) {
+            from = heldBack_.size();
+            break;
+        }
+    }
+    if (from == heldBack_.size()) {
+        dropHeldBack();
+        return;
+    }
+    ++chunkNumber_;  // every chunk given so far is kept
+    replayFrom_ = static_cast<std::int64_t>(from);
+    replay(sink);
+}
+
 // Runs the states over the held bytes and the chunk.
 std::int32_t LocalRecordParser::consume(RecordSink& sink) {
     for (;;) {
@@ -439,6 +660,7 @@ std::int32_t LocalRecordParser::consume(RecordSink& sink) {
             case kDeflateData: step = deflateData(sink); break;
             case kZstdData: step = zstdData(sink); break;
             case kExpectDescriptor: step = expectDescriptor(sink); break;
+            case kSplitData: step = splitData(sink); break;
             case kEnd: return MZ_END_OF_STREAM;
             default: return fail(MZ_INTERNAL_ERROR, code(platform::Failure::InvalidArgument));
         }
@@ -449,12 +671,29 @@ std::int32_t LocalRecordParser::consume(RecordSink& sink) {
 
 std::int32_t LocalRecordParser::write(std::span<const std::uint8_t> chunk, RecordSink& sink) {
     if (error_ != 0) return error_;
+    if (!chunk.empty()) ++chunkNumber_;
+    std::size_t from = 0;
+    for (;;) {
+        const std::int32_t result = pass(chunk, from, sink);
+        if (replayFrom_ < 0) return result;
+        from = replay(sink);
+    }
+}
+
+// One chunk from `from` on; with the held bytes first. A pass that ends in a replay is undone:
+// nothing of it is kept.
+std::int32_t LocalRecordParser::pass(std::span<const std::uint8_t> chunk, std::size_t from, RecordSink& sink) {
+    if (error_ != 0) return error_;
     input_ = chunk.data();
     inputLength_ = static_cast<std::int64_t>(chunk.size());
-    inputPosition_ = 0;
+    inputPosition_ = static_cast<std::int64_t>(from);
     pendingPosition_ = 0;
     std::int32_t result = static_cast<std::int32_t>(chunk.size());
     if (!chunk.empty() && !sinkFailed_) result = consume(sink);
+    if (replayFrom_ >= 0) {
+        input_ = nullptr;
+        return result;
+    }
 
     const auto rest = chunk.subspan(static_cast<std::size_t>(inputPosition_));
     if (state_ == kEnd) {
@@ -468,9 +707,52 @@ std::int32_t LocalRecordParser::write(std::span<const std::uint8_t> chunk, Recor
         byteBufferConsume(pending_.get(), static_cast<std::uint32_t>(pendingPosition_));
         if (!byteBufferAppend(pending_, rest)) result = fail(MZ_MEM_ERROR, code(platform::Failure::OutOfMemory));
     }
+    // While entries are held back the chunk is kept, from where the oldest began, to be read
+    // again should one of them end elsewhere.
+    if (!heldBack_.empty()) {
+        const std::int64_t base = heldBack_.front().chunk == chunkNumber_ ? heldBack_.front().offset : 0;
+        kept_.push_back({chunkNumber_, base, std::vector<std::uint8_t>(chunk.begin() + base, chunk.end())});
+        keptBytes_ += kept_.back().bytes.size();
+    }
     pendingPosition_ = 0;
     input_ = nullptr;
     inputLength_ = 0;
     inputPosition_ = 0;
     return result;
+}
+
+SplitEntry::State decodeSplitEntry(SplitEntry& split, z_stream_s& z) {
+    if (!split.output) {
+        split.crc = static_cast<std::uint32_t>(crc32(0, split.input.get(), static_cast<uInt>(split.inputSize)));
+        return SplitEntry::kDecoded;
+    }
+    if (inflateReset(&z) != Z_OK) return SplitEntry::kDiverged;
+    z.next_in = split.input.get();
+    z.avail_in = static_cast<uInt>(split.inputSize);
+    z.next_out = split.output.get();
+    z.avail_out = static_cast<uInt>(split.outputCapacity);
+    const int rc = inflate(&z, Z_NO_FLUSH);
+    split.outputSize = split.outputCapacity - z.avail_out;
+    const uInt unread = z.avail_in;
+    z.next_in = nullptr;
+    z.next_out = nullptr;
+    split.crc = static_cast<std::uint32_t>(crc32(0, split.output.get(), static_cast<uInt>(split.outputSize)));
+    if (rc == Z_STREAM_END) {
+        // Data that ends before its size ends elsewhere: what follows it is read as records.
+        if (unread != 0) return SplitEntry::kDiverged;
+        if (split.outputSize < static_cast<std::size_t>(split.entry.uncompressedSize)) {
+            split.result = MZ_FORMAT_ERROR;
+            split.systemError = code(platform::Failure::DamagedData);
+        }
+        return SplitEntry::kDecoded;
+    }
+    // Damage inside the entry's bytes is met at the same place reading in order.
+    if (rc == Z_DATA_ERROR || rc == Z_NEED_DICT) {
+        split.result = Z_DATA_ERROR;
+        split.systemError = code(platform::Failure::DamagedData);
+        return SplitEntry::kDecoded;
+    }
+    // Data that goes on past its size or makes more than the room holds (or a decoder short of
+    // memory) is read in order instead.
+    return SplitEntry::kDiverged;
 }

@@ -17,3 +17,9 @@ Outcome handleTransferRequest(Session& session, std::span<const std::uint8_t> ev
 Outcome handleListingRequest(Session& session, std::span<const std::uint8_t> event);   // 91
 Outcome handleDeleteRequest(Session& session, std::span<const std::uint8_t> event);    // 75
 Outcome handleRenameRequest(Session& session, std::span<const std::uint8_t> event);    // 93
+
+// The unpack stream's workers may still hold the last entries of a directory being received
+// when its chunks stop; a failure among them is reported as the write of its chunk would have
+// reported it, reading in order. Called when the transfer ends, whichever way; no more chunks
+// are written after it.
+void endUnpackWrites(Session& session);

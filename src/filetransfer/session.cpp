@@ -9,6 +9,7 @@
 #include "archive/file_stream.h"
 #include "common/log.h"
 #include "common/terminal_hints.h"
+#include "filetransfer/dispatch.h"
 #include "filetransfer/environment.h"
 #include "filetransfer/protocol.h"
 #include "filetransfer/staging.h"
@@ -239,6 +240,7 @@ Outcome startRun(Session& s) {
 }
 
 int finishRun(Session& s, Outcome outcome) {
+    endUnpackWrites(s);
     if (outcome.end) {
         // What is still queued goes out; a receive that did not complete leaves its target as it was.
         s.wire.flush();

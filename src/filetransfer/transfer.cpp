@@ -6,6 +6,7 @@
 #include <new>
 #include <string>
 
+#include "archive/dir_unpack_stream.h"
 #include "archive/file_stream.h"
 #include "archive/stream.h"
 #include "common/log.h"
@@ -208,8 +209,18 @@ void discardCurrentStream(Session& s) {
 // ---- moving data -----------------------------------------------------------------------------
 
 // The first failed write of a transfer is logged; the far side is still told the chunk was taken.
-void writeChunk(Session& s, std::span<const std::uint8_t> data) {
+void noteWriteFailure(Session& s, int error, std::int32_t result) {
     TransferState& t = s.transfer;
+    s.staging->markBroken();
+    if (t.writeError == 0) t.writeError = error != 0 ? error : platform::damagedDataErrorCode();
+    if (t.writeFailureLogged) return;
+    t.writeFailureLogged = true;
+    const std::string& path = localPath(t);
+    const std::string text = error != 0 ? platform::errorText(error) : "stream error " + std::to_string(result);
+    logPrint(1, "Unable to write to local %s: %s\n", path.c_str(), text.c_str());
+}
+
+void writeChunk(Session& s, std::span<const std::uint8_t> data) {
     std::size_t done = 0;
     bool failed = false;
     int error = 0;
@@ -223,17 +234,8 @@ void writeChunk(Session& s, std::span<const std::uint8_t> data) {
         if (result != static_cast<std::int32_t>(piece) && result != MZ_END_OF_STREAM) failed = true;
         done += piece;
     }
-    if (failed) {
-        s.staging->markBroken();
-        if (t.writeError == 0) t.writeError = error != 0 ? error : platform::damagedDataErrorCode();
-    }
-    if (failed && !t.writeFailureLogged) {
-        t.writeFailureLogged = true;
-        const std::string& path = localPath(t);
-        const std::string text = error != 0 ? platform::errorText(error) : "stream error " + std::to_string(result);
-        logPrint(1, "Unable to write to local %s: %s\n", path.c_str(), text.c_str());
-    }
-    s.display.setTotal(t.header.size);  // a -get learns the size from the events
+    if (failed) noteWriteFailure(s, error, result);
+    s.display.setTotal(s.transfer.header.size);  // a -get learns the size from the events
     s.display.add(data.size());
 }
 
@@ -352,6 +354,13 @@ Outcome refuse(Session& s, std::uint8_t kind) {
 
 }  // namespace
 
+void endUnpackWrites(Session& s) {
+    void* stream = s.current;
+    if (!stream || stream != s.unpackStream.get()) return;
+    platform::setLastError(0);
+    if (endDirUnpackStreamWrites(stream)) noteWriteFailure(s, platform::lastError(), mz_stream_error(stream));
+}
+
 Outcome handleTransferRequest(Session& s, std::span<const std::uint8_t> event) {
     logPrint(2, "Reading file transfer request.\n");
     TransferRequest request;
@@ -364,6 +373,7 @@ Outcome handleTransferRequest(Session& s, std::span<const std::uint8_t> event) {
     h.objectType = request.header.objectType;
     h.openFlag = request.header.openFlag;
     h.kind = request.header.kind;
+    if (h.kind != kEventChunk && h.kind != kEventNextChunk) endUnpackWrites(s);
     if (h.kind == kEventSessionClosed) {
         s.display.drop();
         logPrint(1, "File Transfer session was closed.\n");

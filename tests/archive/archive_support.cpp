@@ -74,8 +74,9 @@ Chunker randomChunks(std::uint32_t seed, std::size_t maxSize) {
     return [engine, maxSize] { return std::uniform_int_distribution<std::size_t>(1, maxSize)(*engine); };
 }
 
-UnpackOutcome unpackInto(const Bytes& archive, const std::string& target, const Chunker& chunker) {
+UnpackOutcome unpackInto(const Bytes& archive, const std::string& target, const Chunker& chunker, unsigned workers) {
     MzStreamPtr stream(createDirUnpackStream());
+    setDirUnpackStreamWorkers(stream.get(), workers);
     UnpackOutcome outcome;
     outcome.firstFailure = mz_stream_open(stream.get(), target.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE);
     for (std::size_t at = 0; outcome.firstFailure == MZ_OK && at < archive.size();) {
@@ -85,6 +86,10 @@ UnpackOutcome unpackInto(const Bytes& archive, const std::string& target, const 
         outcome.firstFailure = std::min(rc, 0);
         if (rc < 0) outcome.failureText = platform::lastErrorText();
         at += n;
+    }
+    if (outcome.firstFailure == MZ_OK && endDirUnpackStreamWrites(stream.get())) {
+        outcome.firstFailure = mz_stream_error(stream.get());
+        outcome.failureText = platform::lastErrorText();
     }
     outcome.closeResult = mz_stream_close(stream.get());
     if (outcome.closeResult < 0 && outcome.failureText.empty()) outcome.failureText = platform::lastErrorText();

@@ -40,13 +40,16 @@ Chunker fixedChunks(std::size_t size);
 Chunker randomChunks(std::uint32_t seed, std::size_t maxSize);
 
 struct UnpackOutcome {
-    std::int32_t firstFailure = 0;  // first negative write result but the end, 0 when none
+    // The first negative write result but the end, or the failure the end of the writes met; 0
+    // when none.
+    std::int32_t firstFailure = 0;
     std::int32_t closeResult = 0;
     std::string failureText;        // the system's error text right after the first failing call
 };
-// Opens a fresh unpack stream on `target`, writes the archive in the chunking until the end of
-// the archive or the first failure, then closes it.
-UnpackOutcome unpackInto(const Bytes& archive, const std::string& target, const Chunker& chunker);
+// Opens a fresh unpack stream on `target` (with that many decoding threads, 0: the machine's),
+// writes the archive in the chunking until the end of the archive or the first failure, ends
+// the writes and closes it.
+UnpackOutcome unpackInto(const Bytes& archive, const std::string& target, const Chunker& chunker, unsigned workers = 0);
 
 // Runs a shell command line in `directory`; its exit code.
 int shell(const std::string& command, const std::string& directory);

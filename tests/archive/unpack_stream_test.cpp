@@ -9,12 +9,14 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "archive/dir_unpack_stream.h"
 #include "archive/stream.h"
 #include "archive_support.h"
+#include "common/bytes.h"
 #include "platform/platform.h"
 #include "support/temp_dir.h"
 
@@ -102,7 +104,7 @@ TEST(UnpackStream, AFailureIsReportedByTheWriteThatMetIt) {
         const char* text;                 // the system's error text the failure leaves
     };
     const std::vector<Case> cases = {
-        {{.name = "crc", .data = text, .method = 8, .crc = 0x12345678}, MZ_CRC_ERROR, text, "Bad message"},
+        {{.name = "crc", .data = text, .method = 8, .descriptor = true, .crc = 0x12345678}, MZ_CRC_ERROR, text, "Bad message"},
         {{.name = "m12", .data = "payload", .method = 12}, MZ_SUPPORT_ERROR, "", "Operation not supported"},
         {{.name = "blocker/inside/"}, MZ_EXIST_ERROR, std::nullopt, "Not a directory"},
         {{.name = "blocker/inside"}, MZ_OPEN_ERROR, std::nullopt, "Not a directory"},
@@ -126,6 +128,43 @@ TEST(UnpackStream, AFailureIsReportedByTheWriteThatMetIt) {
         TreeImage expected{{"blocker", "x"}};
         if (left) expected[entry.name] = *left;
         EXPECT_EQ(imageOf(dir.path()), expected) << entry.name;
+    }
+}
+
+TEST(UnpackStream, WorkersChangeNothing) {
+    // Entries decoded apart, several at once, give the same tree and failure as reading in order,
+    // in any chunking: also where the 30th entry's header lies about its sizes (its bytes are then
+    // read again, in order), where it is damaged or cannot be made, and where the archive ends.
+    std::vector<HandEntry> entries;
+    for (std::size_t i = 0; i < 300; ++i)
+        entries.push_back({.name = "d" + std::to_string(i % 3) + "/f" + std::to_string(i), .data = repeatText(1 + 977 * (i % 41)),
+                           .method = static_cast<std::uint16_t>(i % 4 == 0 ? 0 : 8)});
+    entries[20] = {.name = "d1/sub/"};
+    const Bytes sound = buildArchive(entries);
+    const std::size_t at = buildArchive({entries.begin(), entries.begin() + 30}, false).size();
+    const auto changed = [&](std::size_t offset, std::int64_t by) {
+        Bytes archive = sound;
+        bytes::put32(archive, at + offset, static_cast<std::uint32_t>(bytes::get32(archive, at + offset) + by));
+        return archive;
+    };
+    // Compressed size short, uncompressed size short and long, the CRC-32, compressed size long (by
+    // a whole record), the data, the end, a parent that is a file.
+    std::vector<Bytes> archives = {sound, changed(18, -40), changed(22, -500), changed(22, 7), changed(14, 1),
+                                   changed(18, static_cast<std::int64_t>(buildArchive({entries[30]}, false).size())),
+                                   changed(200, 0x55555555), Bytes(sound.begin(), sound.begin() + static_cast<std::ptrdiff_t>(at + 300))};
+    entries[30].name = "d0/f3/x";
+    archives.push_back(buildArchive(entries));
+    for (const auto& archive : archives) {
+        for (const std::size_t chunk : {std::size_t{3000}, std::size_t{65536}, archive.size()}) {
+            const auto chunker = [&] { return chunk == archive.size() ? fixedChunks(chunk) : randomChunks(7, chunk); };
+            TempDir inOrder, apart;
+            const auto expected = unpackInto(archive, inOrder.str(), chunker(), 1);
+            const auto outcome = unpackInto(archive, apart.str(), chunker(), 3);
+            EXPECT_EQ(std::tie(outcome.firstFailure, outcome.closeResult, outcome.failureText),
+                      std::tie(expected.firstFailure, expected.closeResult, expected.failureText))
+                << &archive - archives.data() << " in chunks of " << chunk;
+            EXPECT_EQ(imageOf(apart.path()), imageOf(inOrder.path())) << &archive - archives.data() << " in chunks of " << chunk;
+        }
     }
 }
 

@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "archive/archive_support.h"
+#include "archive/dir_unpack_stream.h"
 #include "common/log.h"
 #include "filetransfer/session.h"
 #include "recording_wire.h"
@@ -299,6 +300,23 @@ TEST_F(Handlers, DirectoriesRoundTrip) {
               std::make_tuple(std::uint8_t{1}, true, at("copy"), "Bad message"));
     EXPECT_EQ(archivetest::imageOf(dir / "copy"), archivetest::imageOf(dir / "source"));
     EXPECT_EQ(testsupport::namesIn(dir.path()), (std::vector<std::string>{"copy", "source"}));
+
+    // A damaged last entry of an archive that never reaches its central directory is logged and
+    // reported as in order, also when worker threads still held it as the chunks stopped.
+    const Bytes damaged = archivetest::buildArchive(
+        {{.name = "a", .data = archivetest::repeatText(5000), .method = 8}, {.name = "b", .data = "bytes", .method = 8, .crc = 1}}, false);
+    for (const unsigned workers : {1u, 3u}) {
+        ASSERT_TRUE(s.session.ensureUnpackStream());
+        setDirUnpackStreamWorkers(s.session.unpackStream.get(), workers);
+        EXPECT_EQ(s.ask(ev(2, 6, 0, at("copy.zip"))).header.kind, kReplyTargetExists);
+        EXPECT_EQ(s.ask(ev(2, 6, 2, at("copy.zip"))).header.kind, kReplyOpened);
+        testing::internal::CaptureStderr();
+        push(s, ev(2, 6, 4, at("copy.zip")), damaged);
+        done = s.ask(ev(2, 6, 8, at("copy.zip")));
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "Unable to write to local " + at("copy") + ": Bad message\n") << workers;
+        EXPECT_EQ(std::tie(done.failed, done.error), std::make_tuple(true, "Bad message")) << workers;
+        EXPECT_EQ(archivetest::imageOf(dir / "copy"), archivetest::imageOf(dir / "source")) << workers;
+    }
 
     // Kind 2 before any kind 0 has no directory path: nothing around the process is touched.
     Served fresh;

@@ -1,16 +1,21 @@
 // Feeds arbitrary bytes to the unpack stream in chunkings chosen by the input's first bytes, into
 // a target that may already hold traps under the names the seed archives use (a hard link to a
 // file outside, a FIFO, links to that file and to a directory outside), and checks after every
-// run that nothing outside the target was created, changed or removed. With bit 2 of the first
-// byte set, the bytes go to the parser alone, which must hand over only names that stay below
-// the target and only bytes that fit the room it was given.
+// run that nothing outside the target was created, changed or removed, and that worker threads
+// changed nothing (tree, results, error). With bit 2 of the first byte set, the bytes go to the
+// parser alone, which must hand over only names that stay below the target and only bytes that
+// fit the room it was given.
 #include <sys/stat.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
 #include <string>
+#include <tuple>
 
 #include "archive/dir_unpack_stream.h"
 #include "archive/local_record_parser.h"
@@ -63,6 +68,18 @@ void checkOutsideAndEmptyTarget(const Place& p) {
     std::error_code ec;
     if (!fs::is_empty(p.elsewhere, ec)) outside::touched(p.elsewhere);
     for (const auto& entry : fs::directory_iterator(p.target, ec)) fs::remove_all(entry.path(), ec);
+}
+
+// Every name below the root with its kind, and a regular file's bytes.
+std::map<std::string, std::string> imageOf(const fs::path& root) {
+    std::map<std::string, std::string> image;
+    std::error_code ec;
+    for (auto it = fs::recursive_directory_iterator(root, ec); !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+        const fs::file_type type = it->symlink_status(ec).type();
+        std::ifstream in(type == fs::file_type::regular ? it->path() : fs::path(), std::ios::binary);
+        image[it->path().string()] = std::to_string(static_cast<int>(type)) + std::string(std::istreambuf_iterator<char>(in), {});
+    }
+    return image;
 }
 
 void broken(const char* what) {
@@ -131,19 +148,26 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         parseAlone(data, size, 1 + (state >> 8) % 8192);
         return 0;
     }
-    plantTraps(p, layout);
-    if (mz_stream_open(p.stream, p.target.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE) != MZ_OK) std::abort();
-    std::size_t at = 0;
-    while (at < size) {
-        state = state * 1664525u + 1013904223u;
-        const std::size_t chunk[] = {size, 1, 1 + (state >> 16) % 64, 1 + (state >> 8) % 8192};
-        const std::size_t n = std::min(chunk[mode], size - at);
-        const std::int32_t rc = mz_stream_write(p.stream, data + at, static_cast<std::int32_t>(n));
-        if (rc < 0) break;
-        if (rc != static_cast<std::int32_t>(n)) std::abort();  // a healthy write takes the whole chunk
-        at += n;
-    }
-    mz_stream_close(p.stream);
-    checkOutsideAndEmptyTarget(p);
+    const auto run = [&](unsigned workers, std::uint32_t chunking) {
+        plantTraps(p, layout);
+        setDirUnpackStreamWorkers(p.stream, workers);
+        if (mz_stream_open(p.stream, p.target.c_str(), MZ_OPEN_MODE_WRITE | MZ_OPEN_MODE_CREATE) != MZ_OK) std::abort();
+        std::int32_t first = 0;  // what the writes, or the end of them, returned first
+        for (std::size_t at = 0; at < size && first == 0;) {
+            chunking = chunking * 1664525u + 1013904223u;
+            const std::size_t chunk[] = {size, 1, 1 + (chunking >> 16) % 64, 1 + (chunking >> 8) % 8192};
+            const std::size_t n = std::min(chunk[mode], size - at);
+            const std::int32_t rc = mz_stream_write(p.stream, data + at, static_cast<std::int32_t>(n));
+            if (rc >= 0 && rc != static_cast<std::int32_t>(n)) std::abort();  // a healthy write takes the whole chunk
+            first = std::min(rc, 0);
+            at += n;
+        }
+        if (first == 0 && endDirUnpackStreamWrites(p.stream)) first = mz_stream_error(p.stream);
+        const std::int32_t rc = mz_stream_close(p.stream);
+        auto outcome = std::make_tuple(first, rc, dirUnpackStreamSystemError(p.stream), imageOf(p.target));
+        checkOutsideAndEmptyTarget(p);
+        return outcome;
+    };
+    if (run(1, state) != run(3, state)) broken("decoding on workers changed the outcome");
     return 0;
 }
