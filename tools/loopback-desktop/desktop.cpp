@@ -41,7 +41,8 @@ std::string plural(std::size_t n, std::string_view what) {
 }  // namespace desk
 
 
-Desktop::Desktop(XServer& server, DesktopOptions options) : server_(server), options_(std::move(options)) {
+Desktop::Desktop(XServer& server, DesktopOptions options)
+    : server_(server), options_(std::move(options)), inbox_(server) {
     if (options_.printFolder.empty()) options_.printFolder = options_.folder / "print";
     if (options_.chunkSize == 0) options_.chunkSize = 1;
 }
@@ -59,7 +60,7 @@ bool Desktop::serveClient(std::chrono::milliseconds waitForRequest) {
         backlog_.pop_front();
     }
     const auto deadline = std::chrono::steady_clock::now() + waitForRequest;
-    while (!first && !stopping_ && std::chrono::steady_clock::now() < deadline) first = server_.nextRequest(100ms);
+    while (!first && !stopping_ && std::chrono::steady_clock::now() < deadline) first = inbox_.next(100ms);
     if (!first) return false;
     client_ = first->client;
     session_.reset();
@@ -84,7 +85,7 @@ std::optional<Request> Desktop::nextFromClient() {
             if (options_.trace) trace(r);
             return r;
         }
-        auto r = server_.nextRequest(100ms);
+        auto r = inbox_.next(100ms);
         if (r) {
             if (r->client == client_) {
                 if (options_.trace) trace(*r);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "far_protocol.h"
+#include "request_inbox.h"
 #include "x_server.h"
 #include "zip_archive.h"
 
@@ -42,6 +43,8 @@ struct SessionStart {
 
 class Desktop {
 public:
+    // Takes the server's vendor requests from now on (see RequestInbox); construct it before
+    // a client connects.
     Desktop(XServer& server, DesktopOptions options);
 
     // Serves one client, from its first request until it has gone; requests of other clients
@@ -52,6 +55,7 @@ public:
     // Safe from another thread, not from a signal handler.
     void stop() {
         stopping_ = true;
+        inbox_.interrupt();
         server_.interruptWaits();
     }
     bool stopped() const { return stopping_; }
@@ -96,6 +100,7 @@ private:
 
     XServer& server_;
     DesktopOptions options_;
+    RequestInbox inbox_;
     std::atomic<bool> stopping_{false};
     std::uint32_t client_ = 0;
     std::deque<Request> backlog_;  // requests of other clients, in the order they came

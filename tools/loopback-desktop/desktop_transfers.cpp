@@ -46,12 +46,39 @@ void Desktop::receiveFromClient(const TransferReply& announce) {
     std::optional<TransferReply> reply;
     const TransferEvent ask = echo(announce, 5);
     bool asked = false;  // the ask for the next chunk is out already
+    // While the desktop waits for a file's next chunk, the chunks that come are written on the
+    // server thread where they lie in its input buffer (see RequestInbox), each treated as
+    // below: the next one asked for before this one is written, except after the last.
+    // Anything else the client sends ends that, and the rest comes through here. Traced runs
+    // take every chunk here, to tell it.
+    const bool direct = !directory && !options_.trace;
+    const std::vector<std::uint8_t> askPayload = encodeTransferEvent(ask);
+    bool directWriteFailed = false;
+    const RequestInbox::ChunkTaker take = [&](const TransferReplyView& chunk) {
+        ++chunks;
+        received += chunk.block.size();
+        const bool early = received < announce.size;
+        bool askSent = early && server_.sendGenericEventTo(client_, kTransferRequest, askPayload);
+        if (!chunk.block.empty() && !file.write(chunk.block)) directWriteFailed = true;
+        askSent = askSent || server_.sendGenericEventTo(client_, kTransferRequest, askPayload);
+        return askSent && !directWriteFailed;
+    };
+    const auto mineWaiting = [&] {
+        return std::any_of(backlog_.begin(), backlog_.end(), [&](const Request& r) { return r.client == client_; });
+    };
     // The next chunk's data: empty after reply kind 8, nullopt when the transfer broke off.
     auto nextChunk = [&]() -> std::optional<std::span<const std::uint8_t>> {
         if (ended) return std::span<const std::uint8_t>();
         if (!asked && !sendEvent(ask)) return std::nullopt;
         asked = false;
-        if (!(reply = awaitReply("data"))) return std::nullopt;
+        const bool taking = direct && !writeError && !mineWaiting() && inbox_.arm(client_, take);
+        reply = awaitReply("data");
+        if (taking) inbox_.disarm();
+        if (directWriteFailed && !writeError) {
+            say("write error on " + target.string());
+            writeError = true;
+        }
+        if (!reply) return std::nullopt;
         if (reply->kind == 8) {
             ended = true;
             return std::span<const std::uint8_t>();

@@ -21,9 +21,9 @@ std::uint16_t len16(std::string_view s) {
 
 }  // namespace
 
-std::optional<TransferReply> decodeTransferReply(std::span<const std::uint8_t> request) {
+std::optional<TransferReplyView> viewTransferReply(std::span<const std::uint8_t> request) {
     bytes::Reader r(request, 4);
-    TransferReply out;
+    TransferReplyView out;
     out.direction = r.u8();
     out.objectType = r.u8();
     out.openFlag = r.u8();
@@ -32,11 +32,18 @@ std::optional<TransferReply> decodeTransferReply(std::span<const std::uint8_t> r
     const std::uint16_t lenA = r.u16();
     const std::uint16_t lenB = r.u16();
     const std::uint32_t lenC = r.u32();
-    out.nameA = toString(r.text(lenA));
-    out.nameB = toString(r.text(lenB));
-    out.block = toVector(r.bytes(lenC));
+    out.nameA = r.text(lenA);
+    out.nameB = r.text(lenB);
+    out.block = r.bytes(lenC);
     if (!r.ok()) return std::nullopt;
     return out;
+}
+
+std::optional<TransferReply> decodeTransferReply(std::span<const std::uint8_t> request) {
+    const auto view = viewTransferReply(request);
+    if (!view) return std::nullopt;
+    return TransferReply{view->direction, view->objectType, view->openFlag, view->kind, view->size,
+                         toString(view->nameA), toString(view->nameB), toVector(view->block)};
 }
 
 std::optional<TransferStatus> decodeTransferStatus(std::span<const std::uint8_t> request) {

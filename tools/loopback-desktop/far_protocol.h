@@ -7,6 +7,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace loopback {
@@ -41,6 +42,15 @@ struct TransferReply {
     std::vector<std::uint8_t> block;
 };
 
+// The same fields where they lie in the request, valid as long as its bytes are: how a file's
+// data chunks are taken, without a copy.
+struct TransferReplyView {
+    std::uint8_t direction = 0, objectType = 0, openFlag = 0, kind = 0;
+    std::uint64_t size = 0;
+    std::string_view nameA, nameB;
+    std::span<const std::uint8_t> block;
+};
+
 // FileTransferStatus (119).
 struct TransferStatus {
     std::uint8_t requestKind = 0;
@@ -68,6 +78,7 @@ struct PrintChunk {
 // Each decoder checks every length against the request's real size and fails (nullopt) on a
 // request that is too short or whose fields claim more bytes than it holds.
 std::optional<TransferReply> decodeTransferReply(std::span<const std::uint8_t> request);
+std::optional<TransferReplyView> viewTransferReply(std::span<const std::uint8_t> request);
 std::optional<TransferStatus> decodeTransferStatus(std::span<const std::uint8_t> request);
 std::optional<ListItem> decodeListItem(std::span<const std::uint8_t> request);
 std::optional<PrintChunk> decodePrintChunk(std::span<const std::uint8_t> request);

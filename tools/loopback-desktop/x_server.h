@@ -109,8 +109,9 @@ public:
     // queueing it for nextRequest. The request's bytes are a view into the input buffer, not a
     // copy; they are valid until the handler returns. The handler may answer at once through
     // the send* calls (it must not wait for anything). A far side that answers this way pays
-    // no copy and no thread switch per message, which is what the throughput benchmarks need.
-    // Set it before the client connects.
+    // no copy and no thread switch per message (the Desktop's RequestInbox does, for a file's
+    // data chunks). Set it before the client connects; null goes back to the queue, and once
+    // the call returns the old handler is not running.
     void setRequestHandler(std::function<void(const RequestView&)> handler);
     // Makes every nextRequest and waitForClient return at once (nothing, false) from now on:
     // for a far side that is told to stop while it waits.
