@@ -164,10 +164,10 @@ Outcome startReceivingDirectory(Session& s) {
 // ---- ending the current stream ---------------------------------------------------------------
 
 // The first failure of a received file is logged once (decision on failed writes).
-void logWriteFailure(TransferState& t, const std::string& path, int error) {
+void logWriteFailure(TransferState& t, const std::string& path, const std::string& reason) {
     if (t.writeFailureLogged) return;
     t.writeFailureLogged = true;
-    logPrint(1, "Unable to write to local %s: %s\n", path.c_str(), platform::errorText(error).c_str());
+    logPrint(1, "Unable to write to local %s: %s\n", path.c_str(), reason.c_str());
 }
 
 // Closes the current stream. A received file or directory that arrived whole (every write
@@ -189,12 +189,12 @@ bool settleCurrentStream(Session& s, int& error) {
     else if (error == 0) error = platform::damagedDataErrorCode();                    // a failure no call reported
     const std::string target = stage.target();
     if (!open || !closed || stage.broken()) {
-        if (open && !closed && stage.isFileStream(stream)) logWriteFailure(s.transfer, target, error);
+        if (open && !closed && stage.isFileStream(stream)) logWriteFailure(s.transfer, target, platform::errorText(error));
         stage.discard();
         return false;
     }
     if (!stage.commit(error)) {
-        logWriteFailure(s.transfer, target, error);
+        logWriteFailure(s.transfer, target, platform::errorText(error));
         return false;
     }
     return true;
@@ -213,11 +213,7 @@ void noteWriteFailure(Session& s, int error, std::int32_t result) {
     TransferState& t = s.transfer;
     s.staging->markBroken();
     if (t.writeError == 0) t.writeError = error != 0 ? error : platform::damagedDataErrorCode();
-    if (t.writeFailureLogged) return;
-    t.writeFailureLogged = true;
-    const std::string& path = localPath(t);
-    const std::string text = error != 0 ? platform::errorText(error) : "stream error " + std::to_string(result);
-    logPrint(1, "Unable to write to local %s: %s\n", path.c_str(), text.c_str());
+    logWriteFailure(t, localPath(t), error != 0 ? platform::errorText(error) : "stream error " + std::to_string(result));
 }
 
 void writeChunk(Session& s, std::span<const std::uint8_t> data) {

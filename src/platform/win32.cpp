@@ -123,13 +123,16 @@ void closeKeepingError(HANDLE handle) {
 // caller holds a TerminationBlock, so none of these handles is in use then. It keeps their
 // lock, so none is closed twice or taken anew before the process ends.
 
+// A lock made in place on first use and never destroyed: a critical section may not be copied
+// once initialised, and the process ends holding these.
+struct ProcessLock {
+    ProcessLock() { InitializeCriticalSection(&section); }
+    CRITICAL_SECTION section;
+};
+
 CRITICAL_SECTION& heldLock() {
-    static CRITICAL_SECTION section = [] {
-        CRITICAL_SECTION made;
-        InitializeCriticalSection(&made);
-        return made;
-    }();
-    return section;
+    static ProcessLock lock;
+    return lock.section;
 }
 
 std::vector<HANDLE>& heldHandles() {
@@ -821,12 +824,8 @@ constexpr int kNameAttempts = 1000;
 // starts nothing new before the process ends.
 
 CRITICAL_SECTION& guard() {
-    static CRITICAL_SECTION section = [] {
-        CRITICAL_SECTION made;
-        InitializeCriticalSection(&made);
-        return made;
-    }();
-    return section;
+    static ProcessLock lock;
+    return lock.section;
 }
 
 constexpr std::size_t kTemporarySlots = 4;
