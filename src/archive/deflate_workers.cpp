@@ -67,8 +67,8 @@ DeflateWorkers::~DeflateWorkers() { stop(); }
 
 std::size_t DeflateWorkers::outputBound(std::size_t size) { return compressBound(static_cast<uLong>(size)) + 16; }
 
-unsigned DeflateWorkers::defaultCount() {
-    if (const char* value = platform::environment("VAROFT_PACK_WORKERS")) {
+unsigned defaultWorkerCount(const char* variable) {
+    if (const char* value = platform::environment(variable)) {
         const long n = std::strtol(value, nullptr, 10);
         if (n > 0) return static_cast<unsigned>(n < static_cast<long>(kMaxWorkers) ? n : kMaxWorkers);
     }

@@ -56,8 +56,6 @@ public:
     void submit(DeflateBlock* block);
     void waitFor(const DeflateBlock* block);
 
-    // What the machine offers: VAROFT_PACK_WORKERS when set to a positive number, else the core count.
-    static unsigned defaultCount();
     // Room enough for the deflated form of `size` bytes and its flush marker.
     static std::size_t outputBound(std::size_t size);
 
@@ -73,3 +71,8 @@ private:
     std::vector<std::unique_ptr<Worker>> workers_;
     std::vector<std::thread> threads_;
 };
+
+// How many threads a directory stream starts when its caller leaves it to the machine: the
+// environment variable `variable` when it holds a positive number, else the core count; never
+// more than 8, since more only cost memory (what the threads may hold is bounded as a whole).
+unsigned defaultWorkerCount(const char* variable);

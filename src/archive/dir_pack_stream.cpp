@@ -73,7 +73,7 @@ struct WalkFile {
 struct PackStream {
     mz_stream header;
     bool isOpen = false;
-    unsigned workerCount = 0;  // 0: the machine's (DeflateWorkers::defaultCount)
+    unsigned workerCount = 0;  // 0: the machine's (defaultWorkerCount)
     DeflateWorkers workers;
 
     // The walk, ahead of the reader.
@@ -429,7 +429,7 @@ std::int32_t packOpen(void* stream, const char* path, std::int32_t mode) {
     if (s->current.path.empty() || s->current.path.back() != '/') s->current.path.push_back('/');
     s->rootPath = s->current.path;
 
-    const unsigned count = s->workerCount != 0 ? s->workerCount : DeflateWorkers::defaultCount();
+    const unsigned count = s->workerCount != 0 ? s->workerCount : defaultWorkerCount("VAROFT_PACK_WORKERS");
     if (!s->workers.start(count)) {
         s->current.reader.close();
         return MZ_MEM_ERROR;

@@ -1,11 +1,10 @@
 #include "archive/dir_unpack_stream.h"
 
-#include <cstdlib>
 #include <new>
 #include <span>
 #include <string>
-#include <thread>
 
+#include "archive/deflate_workers.h"
 #include "archive/extraction.h"
 #include "archive/local_record_parser.h"
 #include "archive/stream.h"
@@ -14,18 +13,6 @@
 namespace {
 
 constexpr std::int32_t kUnsupportedModeBit = 0x1000000;
-// More workers than this only cost memory: the bytes they may hold are bounded as a whole.
-constexpr unsigned kMaxWorkers = 8;
-
-unsigned defaultWorkers() {
-    if (const char* value = platform::environment("VAROFT_UNPACK_WORKERS")) {
-        const long n = std::strtol(value, nullptr, 10);
-        if (n > 0) return static_cast<unsigned>(n < static_cast<long>(kMaxWorkers) ? n : kMaxWorkers);
-    }
-    const unsigned cores = std::thread::hardware_concurrency();
-    return cores == 0 ? 1 : cores < kMaxWorkers ? cores : kMaxWorkers;
-}
-
 // The stream object: the parser reads the archive, the extraction makes what it finds.
 struct UnpackStream {
     mz_stream header;
@@ -37,7 +24,7 @@ struct UnpackStream {
     bool inWrite = false;
     bool receivedBytes = false;  // a non-empty chunk arrived since open
     bool writesEnded = false;    // endDirUnpackStreamWrites ran since open
-    unsigned workerCount = 0;    // 0: the machine's (defaultWorkers)
+    unsigned workerCount = 0;    // 0: the machine's (defaultWorkerCount)
     void* progressUser = nullptr;
     UnpackProgressCallback progress = nullptr;
 };
@@ -77,7 +64,8 @@ std::int32_t unpackOpen(void* stream, const char* path, std::int32_t mode) {
     if (!s || !path || !s->basePath.empty()) return MZ_PARAM_ERROR;
     if (mode & kUnsupportedModeBit) return MZ_INTERNAL_ERROR;
     if (*path == '\0') return MZ_OPEN_ERROR;
-    if (!s->extraction.open(path, s->workerCount != 0 ? s->workerCount : defaultWorkers())) return MZ_OPEN_ERROR;
+    const unsigned workers = s->workerCount != 0 ? s->workerCount : defaultWorkerCount("VAROFT_UNPACK_WORKERS");
+    if (!s->extraction.open(path, workers)) return MZ_OPEN_ERROR;
     // Every open starts a fresh archive.
     s->error = 0;
     s->systemError = 0;
